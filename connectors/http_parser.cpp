@@ -1,0 +1,192 @@
+#include "http_parser.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+const int kStateMalformed = 11;
+const int kHeadComplete = -1;
+
+bool is_blank(unsigned char c) { return c == ' ' || c == '\t'; }
+bool is_line_end(unsigned char c) { return c == '\r' || c == '\n'; }
+
+// Where a line end leads from the states that expect one (4 to 7).
+int after_line_end(unsigned char c) { return c == '\n' ? 7 : 8; }
+
+// One step of the head scanner: the next state or kHeadComplete. The first
+// line must have two or three words; the head ends at an empty line however
+// its line ends are written.
+int next_state(int state, unsigned char c) {
+    bool blank = is_blank(c);
+    bool eol = is_line_end(c);
+    switch (state) {
+        case 0:
+            return blank ? 1 : eol ? kStateMalformed : 0;
+        case 1:
+            return blank ? 1 : eol ? kStateMalformed : 2;
+        case 2:
+            return blank ? 3 : eol ? kHeadComplete : 2;
+        case 3:
+            return blank ? 3 : eol ? kStateMalformed : 4;
+        case 4:
+            return blank ? 5 : eol ? after_line_end(c) : 4;
+        case 5:
+            return blank ? 5 : eol ? after_line_end(c) : kStateMalformed;
+        case 6:
+            return eol ? after_line_end(c) : 6;
+        case 7:
+            return c == '\n' ? kHeadComplete : c == '\r' ? 8 : 6;
+        case 8:
+            return c == '\n' ? 9 : c == '\r' ? kHeadComplete : 6;
+        case 9:
+            return c == '\n' ? kHeadComplete : c == '\r' ? 10 : 6;
+        case 10:
+            return eol ? kHeadComplete : 6;
+        default:
+            return state;  // 11 stays malformed; unknown states skip the byte
+    }
+}
+
+// Takes the next line from the position: its end (CR, LF or CR LF) is
+// zeroed and the position moves past it. Never reads past the received bytes.
+std::string next_line(HTTP_CONTEXT* ctx) {
+    char* buf = ctx->buffer;
+    uint32_t start = ctx->position;
+    uint32_t i = start;
+    while (i < ctx->received && !is_line_end(static_cast<unsigned char>(buf[i]))) ++i;
+    std::string line(buf + start, strnlen(buf + start, i - start));
+    if (i < ctx->received) {
+        bool was_cr = buf[i] == '\r';
+        buf[i++] = '\0';
+        if (was_cr && i < ctx->received && buf[i] == '\n') buf[i++] = '\0';
+    }
+    ctx->position = i;
+    return line;
+}
+
+size_t skip_blanks(const std::string& s, size_t from) {
+    while (from < s.size() && is_blank(static_cast<unsigned char>(s[from]))) ++from;
+    return from;
+}
+
+std::string unescape(std::string text) { return unescape_url(&text[0]); }
+
+void parse_request_line(HTTP_CONTEXT* ctx, const std::string& line) {
+    size_t method_end = line.find_first_of(" \t");
+    ctx->method = line.substr(0, method_end);
+    std::string rest = method_end == std::string::npos ? "" : line.substr(skip_blanks(line, method_end));
+    size_t q = rest.find('?');
+    if (q != std::string::npos) {
+        ctx->path = rest.substr(0, q);
+        std::string after = rest.substr(q + 1);
+        ctx->query = after.substr(0, after.find_first_of(" \t"));
+    } else {
+        ctx->path = rest.substr(0, rest.find_first_of(" \t"));
+        ctx->query.clear();
+    }
+}
+
+void parse_query(HTTP_CONTEXT* ctx) {
+    std::string text = ctx->query;
+    for (char& c : text) {
+        if (c == '+') c = ' ';
+    }
+    size_t from = 0;
+    while (from <= text.size()) {
+        size_t to = text.find_first_of("&;", from);
+        if (to == std::string::npos) to = text.size();
+        std::string piece = text.substr(from, to - from);
+        from = to + 1;
+        if (piece.empty()) continue;
+        size_t eq = piece.find('=');
+        std::string value = eq == std::string::npos ? "" : unescape(piece.substr(eq + 1));
+        ctx->params[unescape(piece.substr(0, eq))] = value;
+    }
+}
+
+void parse_header_line(HTTP_CONTEXT* ctx, const std::string& line) {
+    size_t colon = line.find(':');
+    if (colon == std::string::npos) return;
+    ctx->headers[line.substr(0, colon)] = line.substr(skip_blanks(line, colon + 1));
+}
+
+int parse_head(HTTP_CONTEXT* ctx) {
+    ctx->position = 0;
+    parse_request_line(ctx, next_line(ctx));
+    parse_query(ctx);
+    while (ctx->position < ctx->received) parse_header_line(ctx, next_line(ctx));
+    return static_cast<int>(ctx->received);
+}
+
+// Scans the stored bytes not yet seen: 1 when the head is complete, 0 when
+// more is needed, -EPROTO for a malformed first line.
+int scan(HTTP_CONTEXT* ctx) {
+    while (ctx->position < ctx->received) {
+        if (ctx->state == kStateMalformed) return -EPROTO;
+        int next = next_state(ctx->state, static_cast<unsigned char>(ctx->buffer[ctx->position++]));
+        if (next == kHeadComplete) return 1;
+        ctx->state = next;
+        if (next == kStateMalformed) return -EPROTO;
+    }
+    return 0;
+}
+
+int wait_ms(const timeval& wait) {
+    long long ms = static_cast<long long>(wait.tv_sec) * 1000 + (wait.tv_usec + 999) / 1000;
+    return ms > 0x7fffffff ? 0x7fffffff : static_cast<int>(ms < 0 ? 0 : ms);
+}
+
+}  // namespace
+
+int http_read_until_got_request(int fd, HTTP_CONTEXT* ctx, const timeval& wait, int wake_fd) {
+    if (fd == -1 || ctx == nullptr || wait.tv_sec < 0 || ctx->buffer == nullptr) return -EINVAL;
+    while (true) {
+        // The last byte of the buffer always stays zero.
+        if (ctx->received + 1 >= ctx->buffer_size) return -EMSGSIZE;
+        pollfd fds[2] = {{fd, POLLIN, 0}, {wake_fd, POLLIN, 0}};
+        int ready = poll(fds, wake_fd >= 0 ? 2 : 1, wait_ms(wait));
+        if (ready == 0) return 0;
+        if (ready < 0) {
+            if (errno == EINTR) continue;
+            return -errno;
+        }
+        if (wake_fd >= 0 && (fds[1].revents & POLLIN)) return 0;
+        ssize_t got = recv(fd, ctx->buffer + ctx->received, 1, 0);
+        if (got < 0) return -errno;
+        if (got == 0) {
+            fprintf(stderr, "%s(): Server closed\n", "http_read_until_got_request");
+            return -1;
+        }
+        ctx->received += 1;
+        int scanned = scan(ctx);
+        if (scanned < 0) return scanned;
+        if (scanned > 0) return parse_head(ctx);
+    }
+}
+
+namespace {
+
+int hex_value(unsigned char c) { return c < 'A' ? c - '0' : (c & ~0x20) - 55; }
+
+}  // namespace
+
+std::string unescape_url(char* text) {
+    std::string out;
+    if (text == nullptr) return out;
+    const unsigned char* p = reinterpret_cast<const unsigned char*>(text);
+    while (*p != '\0') {
+        if (*p == '%' && std::isxdigit(p[1]) && std::isxdigit(p[2])) {
+            out += static_cast<char>((hex_value(p[1]) * 16 + hex_value(p[2])) & 0xff);
+            p += 3;
+        } else {
+            out += static_cast<char>(*p++);
+        }
+    }
+    return out;
+}

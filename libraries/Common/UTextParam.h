@@ -1,0 +1,32 @@
+#ifndef COMMON_UTEXTPARAM_H
+#define COMMON_UTEXTPARAM_H
+
+// A cursor over "key=value" records of a writable text; the text is cut up in
+// place and is not owned.
+class UTextParam {
+public:
+    explicit UTextParam(char* text = nullptr);
+    virtual ~UTextParam();
+
+    void setTextParam(char* text);
+    char* getTextParam() const { return m_pText; }
+    operator char*() const { return m_pText; }
+
+    // Next record of the text split at runs of terminators, key and value
+    // trimmed; records without a key are passed over.
+    bool GetNextParam(char*& key, char*& value, char separator, const char* terminators);
+    // One record from the current pointer, untrimmed; the pointer moves past it.
+    bool getNextParam(char*& key, char*& value, char separator, char terminator);
+    // The value of the record at the current pointer if its key is name, else null.
+    char* getNextParam(const char* name, char separator, char terminator);
+
+    static int makeTextParam(char* out, int size, const char* format, ...)
+        __attribute__((format(printf, 3, 4)));
+    static int toIntValue(const char* text, int base);
+
+protected:
+    char* m_pText;
+    char* m_pSave;
+};
+
+#endif

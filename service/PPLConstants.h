@@ -1,0 +1,20 @@
+#ifndef PPL_CONSTANTS_H
+#define PPL_CONSTANTS_H
+
+// The fixed places the service meets the rest of the recorder. Every path and
+// queue key lives here; tests point the service elsewhere through
+// PPLCounterSettings, the binary itself always uses these.
+namespace ppl {
+
+constexpr const char* kSystemIniPath = "/opt/user/ZV318/INIT/ZV318System.ini";
+constexpr const char* kStatusIniPath = "/tmp/PPLCounter.ini";
+constexpr const char* kRecordIniPath = "/opt/user/PPLRecord.ini";
+constexpr const char* kCommandSocketPath = "/tmp/SI_PPLCOUNTER";
+// 601 (0x259) is the queue the service owns and reads; 259 (decimal) the
+// other module's queue it writes. Both values are exactly as they are.
+constexpr int kEventInKey = 601;
+constexpr int kEventOutKey = 259;
+
+}  // namespace ppl
+
+#endif

@@ -1,0 +1,148 @@
+#ifndef PPL_COUNTER_SERVICE_H
+#define PPL_COUNTER_SERVICE_H
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Abstract_PPL_Counter.h"
+#include "PPLConstants.h"
+#include "PPL_Counter_Group.h"
+#include "Tarn3DPCAPIClient.h"
+#include "UBrandLAPIClient.h"
+
+class NEventMQ;
+class NTextCommand;
+class SAttr;
+class Tarn_3DPC_Counter;
+class UBrand_PPL_Counter;
+
+// Where the service meets the recorder. The binary always uses the defaults;
+// tests point a service object at their own files, socket and queues.
+struct PPLCounterSettings {
+    std::string system_ini = ppl::kSystemIniPath;
+    std::string status_ini = ppl::kStatusIniPath;
+    std::string record_ini = ppl::kRecordIniPath;
+    std::string command_path = ppl::kCommandSocketPath;
+    int event_in_key = ppl::kEventInKey;
+    int event_out_key = ppl::kEventOutKey;
+};
+
+// The people-counting service: owns the camera counters, the counting group
+// and the module endpoints, and drives everything from one 100 ms polling loop
+// on the main thread. It is the count callback of every counter it creates;
+// that callback runs on the counters' worker threads.
+class PPLCounter : public Abstract_PPL_CB {
+public:
+    explicit PPLCounter(const PPLCounterSettings& where = PPLCounterSettings());
+    ~PPLCounter() override;
+    PPLCounter(const PPLCounter&) = delete;
+    PPLCounter& operator=(const PPLCounter&) = delete;
+
+    void count_result(Abstract_PPL_Counter* counter) override;
+
+    void Start();
+    void Stop();
+    bool Init();
+    void Deinit();
+    void Run();
+    static uint64_t GetTime();
+
+    // Configuration (system configuration file).
+    bool ReadIni();
+    int ReadCamIni();
+    bool GetCamInfo(int camera, CamInfo& info);
+    bool GetCamInfo(int camera, std::string& address, int& port);
+
+    // Camera settings push.
+    bool Create_PPL_Settings_Request(const char* request, int camera);
+    bool Create_PPL_Settings_Request(const _PPL_CAM_SETTINGS& settings, int camera);
+    int Reset_PPL_Cam_Service(unsigned int group, int enable_value);
+    void Check_PPL_Cam_Restart_Service();
+    void Update_PPL_Cam_Settings(unsigned int group, std::vector<_PPL_CAM_SETTINGS>& old_settings,
+                                 std::vector<std::pair<int, int>>& old_pairs);
+
+    // Status and record files.
+    void UpdateStatus();
+    void UpdateRecordIni(unsigned int group);
+    bool ReadRecordIni();
+
+    // Commands and module events.
+    bool ParseCmd(const char* command, char* reply);
+    bool ParseEvt(const char* text);
+    void PPL_Event_Out(const std::string& text);
+    std::string Create_PPL_Enable_Event_Msg();
+    std::string Create_Count_Result_Event_Msg(int group, int in, int out, int stayin);
+    std::string Create_StayIn_Under_Event_Msg(int group, int limit);
+    std::string Create_StayIn_Over_Event_Msg(int group, int limit);
+
+protected:
+    std::atomic<bool> reload_config;
+    std::atomic<bool> running;
+    bool initialized;
+    uint64_t now_ms;
+    uint64_t last_status_ms;
+    uint64_t last_restart_check_ms;
+    std::atomic<uint32_t> group_num;
+    std::atomic<int> enable;
+    uint32_t restart_group_mask;
+    std::vector<std::pair<int, int>> stayin_limits;
+    NEventMQ* event_in;
+    NEventMQ* event_out;
+    NTextCommand* command;
+    std::stringstream cfg_key_stream;
+    std::stringstream status_key_stream;
+    std::stringstream record_key_stream;
+    std::vector<UBrand_PPL_Counter*> lapi_counters;
+    std::atomic<uint32_t> lapi_cam_mask;
+    std::vector<PPL_Counter_Group*> groups;
+    std::atomic<bool> stayin_over_latched;
+    std::atomic<bool> stayin_under_latched;
+    std::atomic<uint32_t> use_3dpc;
+    Tarn_3DPC_Counter* counter_3dpc;
+
+    // Not part of the observable state: where the service meets the
+    // recorder, and the locks that make the callback safe to run on several
+    // counters' threads beside the main loop.
+    PPLCounterSettings where;
+    std::mutex alarm_lock;      // latches and limits, one callback at a time
+    std::mutex event_out_lock;  // event_out against its deletion in Deinit
+
+private:
+    void RunPass(char* reply, char* event);
+    bool ReloadConfiguration();
+    void PollCommand(char* reply);
+    void PollEvent(char* event);
+
+    std::string ComposeKey(std::stringstream& stream, const char* head, long number,
+                                  const char* tail);
+    void StopLapiCounters();
+    void ReadGroup(SAttr& ini, unsigned int g);
+    void ReadGroupCamera(SAttr& ini, unsigned int g, bool in);
+    void ReadGroupLimits(SAttr& ini, unsigned int g);
+    bool ReadGroupSettings(SAttr& ini, unsigned int g, _PPL_CAM_SETTINGS& record);
+    void StartSelectedCounters();
+    void ReadCamIni3DPC(SAttr& ini);
+    void ReadCamIniLapi(SAttr& ini, int n);
+
+    Abstract_PPL_Counter* CounterForCamera(int camera);
+    UBrand_PPL_Counter* LapiCounter(long camera);
+    void CameraStates(PPL_Counter_Group* group, const char*& in_state, const char*& out_state);
+    void MarkConnected(Abstract_PPL_Counter* counter, bool connected, const char*& in_state,
+                       const char*& out_state);
+
+    bool GroupArgumentIsZero(SAttr& cmd);
+    bool ClearCounts();
+    bool ServiceStatus(char* reply);
+    void AddCamera(unsigned int ch);
+    void DeleteCamera(unsigned int ch);
+};
+
+// The service's timestamped log line on standard error: "[time] message".
+void ShowLog(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+#endif

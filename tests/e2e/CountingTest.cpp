@@ -1,0 +1,219 @@
+// The service end to end: simulated cameras, the test as the neighbouring
+// module, the real binary in private namespaces.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <csignal>
+#include <memory>
+
+#include "CameraSim.h"
+#include "ServiceHarness.h"
+#include "TarnEndpoints.h"
+
+namespace ppltest {
+namespace {
+
+const char* const kSettingsText =
+    "action=ppl_setdata&Reset=0&TimeReset=1&Type=time&Hour=23&Min=5&Sec=0&Sensitivity=3"
+    "&ReportTime=60";
+
+// Group 0 with LAPI in camera 0 and out camera 1, both simulated.
+class LapiService : public ::testing::Test {
+protected:
+    void SetUp() override {
+        PPL_ENTER_SANDBOX_OR_SKIP();
+        in_cam_.reset(new camsim::Camera());
+        out_cam_.reset(new camsim::Camera());
+        ASSERT_TRUE(in_cam_->Start());
+        ASSERT_TRUE(out_cam_->Start());
+        in_ctl_.reset(new camsim::TarnEndpoints(*in_cam_, "admin", "secret"));
+        out_ctl_.reset(new camsim::TarnEndpoints(*out_cam_, "admin", "secret"));
+        h_.reset(new ServiceHarness());
+        config_ = LapiConfig(in_cam_->Port(), out_cam_->Port());
+        h_->WriteConfig(config_);
+    }
+    void TearDown() override {
+        h_.reset();
+        if (in_cam_) in_cam_->Stop();
+        if (out_cam_) out_cam_->Stop();
+    }
+    // Starts the service and waits for both subscriptions and the start-up events.
+    void StartCounting() {
+        ASSERT_TRUE(h_->StartService());
+        ASSERT_TRUE(in_cam_->WaitForSubscribers(1, 5000)) << h_->Stderr();
+        ASSERT_TRUE(out_cam_->WaitForSubscribers(1, 5000));
+        ASSERT_TRUE(h_->WaitEvent("event=ppl_count&in0=0&out0=0&stayin0=0"));
+        ASSERT_TRUE(h_->WaitStatus("PPL.Out0.Status", "connect"));
+        ASSERT_TRUE(h_->WaitStatus("PPL.In0.Status", "connect"));
+    }
+    std::unique_ptr<camsim::Camera> in_cam_, out_cam_;
+    std::unique_ptr<camsim::TarnEndpoints> in_ctl_, out_ctl_;
+    std::unique_ptr<ServiceHarness> h_;
+    std::map<std::string, std::string> config_;
+};
+
+TEST_F(LapiService, StartupSendsOneEnableAndOneCountEventAndPushesNoSettings) {
+    StartCounting();
+    EXPECT_EQ(h_->CountEvent("event=ppl_enable&enable=1"), 1);
+    EXPECT_EQ(h_->CountEvent("event=ppl_count&in0=0&out0=0&stayin0=0"), 1);
+    EXPECT_EQ(h_->Seen().size(), 2u);
+    EXPECT_TRUE(in_ctl_->SettingsReceived().empty());
+    EXPECT_TRUE(out_ctl_->SettingsReceived().empty());
+    auto status = h_->Status();
+    EXPECT_EQ(status["PPL.Enable"], "1");
+    EXPECT_EQ(status["PPL.In0.Count"], "0");
+    EXPECT_EQ(status["PPL.StayIn0.Over"], "5");
+    EXPECT_EQ(status["PPL.StayIn0.Under"], "1");
+    EXPECT_EQ(status["PPL.StayIn0.Status"], "Under");
+    EXPECT_EQ(status.size(), 9u);
+    EXPECT_EQ(h_->Command("action=ppl_get_service_status"),
+              "reply=success&in0=connect&out0=connect");
+    EXPECT_EQ(h_->StopService(SIGTERM), 0);
+}
+
+TEST_F(LapiService, PeopleWalkingGiveGroupSumsAlarmsAndStatus) {
+    StartCounting();
+    h_->ForgetEvents();
+    in_cam_->Walk(3, 0);
+    EXPECT_TRUE(h_->WaitEvent("event=ppl_count&in0=3&out0=0&stayin0=3")) << h_->Stderr();
+    in_cam_->Walk(2, 1);  // the in camera's out count is not the group's
+    EXPECT_TRUE(h_->WaitEvent("event=ppl_stayin_over&group=0&limit=5"));
+    EXPECT_TRUE(h_->WaitEvent("event=ppl_count&in0=5&out0=0&stayin0=5"));
+    out_cam_->Walk(0, 4);
+    out_cam_->Walk(0, 0);
+    EXPECT_TRUE(h_->WaitEvent("event=ppl_stayin_under&group=0&limit=1"));
+    EXPECT_TRUE(h_->WaitEvent("event=ppl_count&in0=5&out0=4&stayin0=1"));
+    EXPECT_TRUE(h_->WaitEvent("event=ppl_count&in0=5&out0=4&stayin0=1"))
+        << "every event message gives a count event";
+    EXPECT_TRUE(h_->WaitStatus("PPL.StayIn0.Count", "1", 2500));
+    auto status = h_->Status();
+    EXPECT_EQ(status["PPL.In0.Count"], "5");
+    EXPECT_EQ(status["PPL.Out0.Count"], "4");
+    EXPECT_EQ(status["PPL.StayIn0.Status"], "Under");
+    EXPECT_EQ(h_->StopService(SIGINT), 0);
+}
+
+TEST_F(LapiService, ControlCommandsOverTheRealSocket) {
+    StartCounting();
+    EXPECT_EQ(h_->Command("action=ppl_no_such"), "reply=error");
+    EXPECT_EQ(h_->Command("action=ppl_clear_counts&group=1"), "reply=error");
+    EXPECT_EQ(h_->Command("action=ppl_clear_counts&group=0"), "reply=success");
+    const std::string clear_text =
+        "action=ppl_setdata&Reset=1&TimeReset=1&Type=time&Hour=23&Min=5&Sec=0&Sensitivity=3"
+        "&ReportTime=60";
+    EXPECT_EQ(in_ctl_->SettingsReceived(), std::vector<std::string>{clear_text});
+    EXPECT_EQ(out_ctl_->SettingsReceived(), std::vector<std::string>{clear_text});
+
+    EXPECT_EQ(h_->Command("action=ppl_reset_service&group=0"), "reply=success&wait_5_seconds");
+    EXPECT_EQ(in_ctl_->SettingsReceived().back(), "action=ppl_setdata&Enable=0");
+    EXPECT_EQ(out_ctl_->SettingsReceived().back(), "action=ppl_setdata&Enable=0");
+    EXPECT_TRUE(WaitFor(6500, [&] {
+        return out_ctl_->SettingsReceived().back() == "action=ppl_setdata&Enable=1";
+    }));
+    EXPECT_EQ(in_ctl_->SettingsReceived().back(), "action=ppl_setdata&Enable=1");
+    EXPECT_EQ(h_->StopService(SIGTERM), 0);
+}
+
+TEST_F(LapiService, ConfigChangeReloadsRepeatsEventsPushesAndReconnectsOnlyTheMovedCamera) {
+    StartCounting();
+    in_cam_->Walk(2, 0);
+    ASSERT_TRUE(h_->WaitEvent("event=ppl_count&in0=2&out0=0&stayin0=2"));
+    camsim::Camera moved;
+    ASSERT_TRUE(moved.Start());
+    camsim::TarnEndpoints moved_ctl(moved, "admin", "secret");
+    config_["SERV_PPL_CAM_1_HTTP"] = std::to_string(moved.Port());
+    config_["SERV_PPL_SETTINGS_0_SENSITIVITY"] = "4";
+    h_->WriteConfig(config_);
+    int in_connections = in_cam_->AcceptedConnections();
+    h_->ForgetEvents();
+
+    EXPECT_EQ(h_->Command("action=ppl_config_change"), "reply=success");
+    EXPECT_TRUE(h_->WaitEvent("event=ppl_enable&enable=1"));
+    EXPECT_TRUE(h_->WaitEvent("event=ppl_count&in0=2&out0=0&stayin0=2"));
+    EXPECT_TRUE(moved.WaitForSubscribers(1, 5000));
+    EXPECT_TRUE(WaitFor(3000, [&] { return out_cam_->Subscribers() == 0; }));
+    const std::string text =
+        "action=ppl_setdata&Reset=0&TimeReset=1&Type=time&Hour=23&Min=5&Sec=0&Sensitivity=4"
+        "&ReportTime=60";
+    EXPECT_EQ(in_ctl_->SettingsReceived(), std::vector<std::string>{text});
+    EXPECT_EQ(moved_ctl.SettingsReceived(), std::vector<std::string>{text});
+    // The in camera keeps its one connection; settings go on fresh ones.
+    EXPECT_EQ(in_cam_->Subscribers(), 1);
+    EXPECT_EQ(in_cam_->AcceptedConnections(), in_connections + 1);
+
+    // A reload of an unchanged file pushes nothing and reconnects nothing.
+    EXPECT_EQ(h_->Command("action=ppl_config_change"), "reply=success");
+    EXPECT_TRUE(h_->WaitEvent("event=ppl_enable&enable=1"));
+    EXPECT_TRUE(WaitFor(1000, [&] { return h_->Stdout().find("PPL settings are the same.") !=
+                                           std::string::npos; }));
+    EXPECT_EQ(in_ctl_->SettingsReceived().size(), 1u);
+    EXPECT_EQ(in_cam_->AcceptedConnections(), in_connections + 1);
+    EXPECT_EQ(h_->StopService(SIGTERM), 0);
+    moved.Stop();
+}
+
+TEST_F(LapiService, ModuleEventsRemoveAndAddACamera) {
+    StartCounting();
+    ASSERT_TRUE(h_->SendModuleEvent("event=del_camera&ch=1"));
+    EXPECT_TRUE(WaitFor(3000, [&] { return out_cam_->Subscribers() == 0; }));
+    EXPECT_TRUE(h_->WaitStatus("PPL.Out0.Status", "disconnect"));
+    ASSERT_TRUE(h_->SendModuleEvent("event=add_camera&ch=1"));
+    EXPECT_TRUE(out_cam_->WaitForSubscribers(1, 5000));
+    EXPECT_TRUE(h_->WaitStatus("PPL.Out0.Status", "connect"));
+    EXPECT_NE(h_->Stderr().find("Event::Run(), receive event => event=add_camera&ch=1\n"),
+              std::string::npos);
+    EXPECT_EQ(h_->StopService(SIGTERM), 0);
+}
+
+TEST_F(LapiService, TermDuringConnectingAndReloadingEndsCleanly) {
+    in_cam_->SetSubscribe(camsim::Subscribe::Silent);
+    ASSERT_TRUE(h_->StartService());
+    ASSERT_TRUE(in_cam_->WaitForRequests(1, 5000));
+    EXPECT_EQ(h_->StopService(SIGTERM, 2000), 0);
+    EXPECT_NE(h_->Stderr().find("PPLCounter::Run(), receive interrupt.\n"), std::string::npos);
+
+    in_cam_->SetSubscribe(camsim::Subscribe::Ok);
+    StartCounting();
+    h_->Command("action=ppl_config_change", 0);
+    EXPECT_EQ(h_->StopService(SIGTERM, 2000), 0);
+}
+
+// The 3DPC camera kind: camera 0 polled through the open client library.
+TEST(ThreeDpcService, StartupAndCounting) {
+    PPL_ENTER_SANDBOX_OR_SKIP();
+    camsim::Camera cam;
+    ASSERT_TRUE(cam.Start());
+    camsim::TarnEndpoints ctl(cam, "admin", "secret");
+    ServiceHarness h;
+    h.WriteConfig({{"SERV_PPL_NUM", "1"},
+                   {"SERV_PPL_ENABLE", "1"},
+                   {"SERV_PPL_TYPE", "3DPCV2"},
+                   {"SERV_PPL_IN_0_CAM", "0"},
+                   {"SERV_PPL_OUT_0_CAM", "0"},
+                   {"SERV_PPL_STAYIN_0_OVER", "100"},
+                   {"SERV_PPL_STAYIN_0_UNDER", "-1"},
+                   {"SERV_PPL_SETTINGS_0_RESET_ENABLE", "0"},
+                   {"SERV_PPL_SETTINGS_0_RESET_TIME", "0:0:0"},
+                   {"SERV_PPL_SETTINGS_0_REPORT_INTERVAL", "0"},
+                   {"SERV_PPL_SETTINGS_0_SENSITIVITY", "1"},
+                   {"SERV_PPL_SETTINGS_0_CLEAR_COUNT", "0"},
+                   {"SERV_PPL_CAM_0_IP", "127.0.0.1"},
+                   {"SERV_PPL_CAM_0_HTTP", std::to_string(cam.Port())},
+                   {"SERV_PPL_CAM_0_USERNAME", "admin"},
+                   {"SERV_PPL_CAM_0_PASSWORD", "secret"}});
+    ASSERT_TRUE(h.StartService());
+    EXPECT_TRUE(h.WaitEvent("event=ppl_enable&enable=1"));
+    EXPECT_TRUE(h.WaitEvent("event=ppl_count&in0=0&out0=0&stayin0=0"));
+    EXPECT_TRUE(h.WaitStatus("PPL.In0.Status", "connect", 5000)) << h.Stderr();
+    EXPECT_EQ(h.Status()["PPL.Out0.Status"], "connect") << "one dual camera";
+    cam.SetTotals(4, 1);
+    EXPECT_TRUE(h.WaitEvent("event=ppl_count&in0=4&out0=1&stayin0=3", 5000)) << h.Stderr();
+    EXPECT_TRUE(h.WaitStatus("PPL.StayIn0.Count", "3"));
+    EXPECT_EQ(h.Command("action=ppl_get_service_status"),
+              "reply=success&in0=connect&out0=connect");
+    EXPECT_EQ(h.StopService(SIGTERM), 0);
+    cam.Stop();
+}
+
+}  // namespace
+}  // namespace ppltest

@@ -1,0 +1,77 @@
+#ifndef PPL_IPC_TEST_UTIL_H
+#define PPL_IPC_TEST_UTIL_H
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <functional>
+#include <string>
+
+#include "Sandbox.h"
+
+namespace ipctest {
+
+#define ENTER_IPC_NAMESPACE_OR_SKIP()                                    \
+    do {                                                                 \
+        std::string why_;                                                \
+        if (!::ppltest::EnterIpcNamespace(&why_)) GTEST_SKIP() << why_; \
+    } while (0)
+
+// Runs body in a forked child; the child's exit code is body's result.
+inline pid_t Spawn(const std::function<int()>& body) {
+    pid_t pid = fork();
+    if (pid == 0) _exit(body());
+    return pid;
+}
+
+inline int Reap(pid_t pid) {
+    int status = 0;
+    if (waitpid(pid, &status, 0) != pid) return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// One-way signal between two processes.
+class Baton {
+public:
+    Baton() {
+        if (pipe(fds_) != 0) fds_[0] = fds_[1] = -1;
+    }
+    ~Baton() {
+        close(fds_[0]);
+        close(fds_[1]);
+    }
+    void Pass() { (void)!write(fds_[1], "!", 1); }
+    bool Take() {
+        struct pollfd p = {fds_[0], POLLIN, 0};
+        char c;
+        return poll(&p, 1, 5000) == 1 && read(fds_[0], &c, 1) == 1;
+    }
+
+private:
+    int fds_[2];
+};
+
+// A private directory for socket files, removed with everything in it.
+class TempDir {
+public:
+    TempDir() {
+        char templ[] = "/tmp/ppl-ipc-XXXXXX";
+        if (mkdtemp(templ) != nullptr) path_ = templ;
+    }
+    ~TempDir() {
+        std::error_code ignored;
+        if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
+    }
+    std::string Path(const std::string& name) const { return path_ + "/" + name; }
+
+private:
+    std::string path_;
+};
+
+}  // namespace ipctest
+
+#endif

@@ -1,0 +1,73 @@
+#include "ServiceTestSupport.h"
+
+#include <stdlib.h>
+
+#include "SAttr.h"
+
+namespace ppltest {
+
+void ServiceTest::SetUp() {
+    std::string why;
+    if (!EnterIpcNamespace(&why)) GTEST_SKIP() << why;
+    char templ[] = "/tmp/pplsvc-XXXXXX";
+    ASSERT_NE(mkdtemp(templ), nullptr);
+    dir_ = templ;
+    where_.system_ini = dir_ + "/System.ini";
+    where_.status_ini = dir_ + "/PPLCounter.ini";
+    where_.record_ini = dir_ + "/PPLRecord.ini";
+    where_.command_path = dir_ + "/SI_PPLCOUNTER";
+    module_queue_.reset(new NEventMQ(where_.event_out_key, true));
+    svc_.reset(new TestableService(where_));
+    ASSERT_TRUE(svc_->Init());
+}
+
+void ServiceTest::TearDown() {
+    if (svc_) svc_->Deinit();
+    // Deinit stops only the counters of the configured kind.
+    if (svc_) {
+        svc_->counter_3dpc->stop();
+        for (auto* c : svc_->lapi_counters) c->stop();
+    }
+    svc_.reset();
+    module_queue_.reset();
+    if (!dir_.empty()) system(("rm -rf '" + dir_ + "'").c_str());
+}
+
+void ServiceTest::WriteConfig(const std::map<std::string, std::string>& keys) {
+    std::string text;
+    for (const auto& kv : keys) text += kv.first + "=" + kv.second + "\n";
+    WriteWholeFile(where_.system_ini, text);
+}
+
+std::map<std::string, std::string> ServiceTest::ReadStatus() {
+    SAttr status('=', "\r\n", "\n", nullptr);
+    status.LoadFile(where_.status_ini.c_str());
+    return status.GetRawData();
+}
+
+std::vector<std::string> ServiceTest::DrainEvents() {
+    std::vector<std::string> events;
+    char buffer[512];
+    while (module_queue_->Wait(0, 0) > 0 && module_queue_->Recv(buffer, sizeof(buffer)) > 0) {
+        events.push_back(buffer);
+    }
+    return events;
+}
+
+std::map<std::string, std::string> BaseLapiConfig() {
+    return {
+        {"SERV_PPL_NUM", "1"},
+        {"SERV_PPL_ENABLE", "1"},
+        {"SERV_PPL_IN_0_CAM", "0"},
+        {"SERV_PPL_OUT_0_CAM", "1"},
+        {"SERV_PPL_STAYIN_0_OVER", "10"},
+        {"SERV_PPL_STAYIN_0_UNDER", "2"},
+        {"SERV_PPL_SETTINGS_0_RESET_ENABLE", "1"},
+        {"SERV_PPL_SETTINGS_0_RESET_TIME", "23:5:0"},
+        {"SERV_PPL_SETTINGS_0_REPORT_INTERVAL", "60"},
+        {"SERV_PPL_SETTINGS_0_SENSITIVITY", "3"},
+        {"SERV_PPL_SETTINGS_0_CLEAR_COUNT", "0"},
+    };
+}
+
+}  // namespace ppltest

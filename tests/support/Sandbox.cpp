@@ -1,0 +1,232 @@
+#include "Sandbox.h"
+
+#include <fcntl.h>
+#include <net/if.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+namespace ppltest {
+namespace {
+
+int g_build_dir_fd = -1;
+
+std::string ErrnoText(const char* what) { return std::string(what) + ": " + strerror(errno); }
+
+bool WriteProcFile(const char* path, const std::string& text) {
+    int fd = open(path, O_WRONLY);
+    if (fd < 0) return false;
+    bool ok = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    close(fd);
+    return ok;
+}
+
+// Without root, a user namespace maps us to root so that mounts are allowed.
+bool EnterUserNamespaceIfNeeded(std::string* why) {
+    if (geteuid() == 0) return true;
+    uid_t uid = geteuid();
+    gid_t gid = getegid();
+    if (unshare(CLONE_NEWUSER) != 0) {
+        *why = ErrnoText("unshare(CLONE_NEWUSER)");
+        return false;
+    }
+    WriteProcFile("/proc/self/setgroups", "deny");
+    if (!WriteProcFile("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1") ||
+        !WriteProcFile("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1")) {
+        *why = "cannot write the user namespace id maps";
+        return false;
+    }
+    return true;
+}
+
+bool BringLoopbackUp(std::string* why) {
+    int s = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (s < 0) {
+        *why = ErrnoText("socket");
+        return false;
+    }
+    struct ifreq ifr;
+    std::memset(&ifr, 0, sizeof(ifr));
+    std::strncpy(ifr.ifr_name, "lo", IFNAMSIZ - 1);
+    bool ok = ioctl(s, SIOCGIFFLAGS, &ifr) == 0;
+    if (ok) {
+        ifr.ifr_flags |= IFF_UP | IFF_RUNNING;
+        ok = ioctl(s, SIOCSIFFLAGS, &ifr) == 0;
+    }
+    if (!ok) *why = ErrnoText("bring lo up");
+    close(s);
+    return ok;
+}
+
+bool MakeDirs(const std::string& path) {
+    std::string sofar;
+    std::stringstream ss(path);
+    std::string part;
+    while (std::getline(ss, part, '/')) {
+        if (part.empty()) continue;
+        sofar += "/" + part;
+        if (mkdir(sofar.c_str(), 0755) != 0 && errno != EEXIST) return false;
+    }
+    return true;
+}
+
+// Fresh directories that will cover /tmp and /opt; kept in the build tree.
+bool MakeSandboxDirs(std::string* tmp_dir, std::string* opt_dir, std::string* why) {
+    std::string root = std::string(PPL_BINARY_DIR) + "/sandboxes";
+    MakeDirs(root);
+    std::string templ = root + "/sbx-XXXXXX";
+    std::vector<char> buf(templ.begin(), templ.end());
+    buf.push_back('\0');
+    if (mkdtemp(buf.data()) == nullptr) {
+        *why = ErrnoText("mkdtemp");
+        return false;
+    }
+    std::string base(buf.data());
+    *tmp_dir = base + "/tmp";
+    *opt_dir = base + "/opt";
+    if (mkdir(tmp_dir->c_str(), 01777) != 0 || mkdir(opt_dir->c_str(), 0755) != 0) {
+        *why = ErrnoText("mkdir");
+        return false;
+    }
+    chmod(tmp_dir->c_str(), 01777);
+    return true;
+}
+
+bool BindOnto(const std::string& from, const char* onto, std::string* why) {
+    if (mount(from.c_str(), onto, nullptr, MS_BIND, nullptr) != 0) {
+        *why = ErrnoText((std::string("bind onto ") + onto).c_str());
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool EnterIpcNamespace(std::string* why) {
+    if (!EnterUserNamespaceIfNeeded(why)) return false;
+    if (unshare(CLONE_NEWIPC) != 0) {
+        *why = ErrnoText("unshare(CLONE_NEWIPC)");
+        return false;
+    }
+    return true;
+}
+
+bool EnterSandbox(std::string* why) {
+    if (g_build_dir_fd < 0) g_build_dir_fd = open(PPL_BINARY_DIR, O_PATH | O_DIRECTORY);
+    std::string tmp_dir, opt_dir;
+    if (!MakeSandboxDirs(&tmp_dir, &opt_dir, why)) return false;
+    if (!EnterUserNamespaceIfNeeded(why)) return false;
+    if (unshare(CLONE_NEWIPC | CLONE_NEWNS | CLONE_NEWNET) != 0) {
+        *why = ErrnoText("unshare(ipc, mount, net)");
+        return false;
+    }
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+        *why = ErrnoText("make mounts private");
+        return false;
+    }
+    if (!BindOnto(opt_dir, "/opt", why) || !BindOnto(tmp_dir, "/tmp", why)) return false;
+    if (!MakeDirs("/opt/user/ZV318/INIT")) {
+        *why = ErrnoText("mkdir /opt/user/ZV318/INIT");
+        return false;
+    }
+    return BringLoopbackUp(why);
+}
+
+std::string BuiltFile(const std::string& relative) {
+    if (g_build_dir_fd < 0) g_build_dir_fd = open(PPL_BINARY_DIR, O_PATH | O_DIRECTORY);
+    if (g_build_dir_fd < 0) return std::string(PPL_BINARY_DIR) + "/" + relative;
+    return "/proc/self/fd/" + std::to_string(g_build_dir_fd) + "/" + relative;
+}
+
+Child::~Child() {
+    if (pid_ > 0 && !reaped_) {
+        kill(pid_, SIGKILL);
+        Wait(5000);
+    }
+}
+
+bool Child::Start(const std::vector<std::string>& argv, const std::string& dir) {
+    static int serial = 0;
+    std::string tag = std::to_string(getpid()) + "-" + std::to_string(++serial);
+    out_path_ = dir + "/child-" + tag + ".out";
+    err_path_ = dir + "/child-" + tag + ".err";
+    pid_ = fork();
+    if (pid_ < 0) return false;
+    if (pid_ == 0) {
+        int out = open(out_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        int err = open(err_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (out < 0 || err < 0) _exit(126);
+        dup2(out, 1);
+        dup2(err, 2);
+        int devnull = open("/dev/null", O_RDONLY);
+        if (devnull >= 0) dup2(devnull, 0);
+        std::vector<char*> args;
+        for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+        args.push_back(nullptr);
+        // The child starts with no signal blocked, whatever the test did.
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+        execv(args[0], args.data());
+        _exit(127);
+    }
+    reaped_ = false;
+    return true;
+}
+
+bool Child::Running() {
+    if (pid_ <= 0 || reaped_) return false;
+    int st = 0;
+    pid_t r = waitpid(pid_, &st, WNOHANG);
+    if (r == pid_) {
+        status_ = st;
+        reaped_ = true;
+        return false;
+    }
+    return true;
+}
+
+bool Child::Signal(int sig) { return pid_ > 0 && !reaped_ && kill(pid_, sig) == 0; }
+
+bool Child::Wait(int timeout_ms) {
+    return WaitFor(timeout_ms, [this] { return !Running(); });
+}
+
+std::string Child::Stdout() const { return ReadWholeFile(out_path_); }
+std::string Child::Stderr() const { return ReadWholeFile(err_path_); }
+
+std::string ReadWholeFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+bool WriteWholeFile(const std::string& path, const std::string& text) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << text;
+    return static_cast<bool>(out);
+}
+
+bool WaitFor(int timeout_ms, const std::function<bool()>& pred) {
+    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    while (true) {
+        if (pred()) return true;
+        if (std::chrono::steady_clock::now() >= end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
+}  // namespace ppltest

@@ -1,0 +1,67 @@
+#ifndef PPL_TEST_SANDBOX_H
+#define PPL_TEST_SANDBOX_H
+
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace ppltest {
+
+// Moves the calling process, which must still be single-threaded, into
+// private IPC, mount and network namespaces (with a user namespace when not
+// root), binds fresh empty directories onto /tmp and /opt, creates
+// /opt/user/ZV318/INIT and brings loopback up. The service's fixed paths and
+// queue keys then belong to this test alone. Returns false with a reason when
+// the kernel does not allow it; callers skip the test then.
+bool EnterSandbox(std::string* why);
+
+// Only a private System V IPC namespace (for queue tests).
+bool EnterIpcNamespace(std::string* why);
+
+// A path to a file of the build tree that stays valid after /tmp was covered
+// (the checkout may live under /tmp).
+std::string BuiltFile(const std::string& relative);
+
+// Skips the current test when the sandbox cannot be entered.
+#define PPL_ENTER_SANDBOX_OR_SKIP()                                  \
+    do {                                                             \
+        std::string why_;                                            \
+        if (!::ppltest::EnterSandbox(&why_)) GTEST_SKIP() << why_;   \
+    } while (0)
+
+// A child process with standard output and error captured in files.
+class Child {
+public:
+    Child() = default;
+    ~Child();
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    // Starts argv[0] (a path) with the arguments; output goes to files in dir.
+    bool Start(const std::vector<std::string>& argv, const std::string& dir);
+    bool Running();
+    bool Signal(int sig);
+    // Waits up to timeout_ms for the exit; returns false on time-out.
+    bool Wait(int timeout_ms);
+    int ExitStatus() const { return status_; }  // raw wait status
+    std::string Stdout() const;
+    std::string Stderr() const;
+    pid_t Pid() const { return pid_; }
+
+private:
+    pid_t pid_ = -1;
+    int status_ = -1;
+    bool reaped_ = false;
+    std::string out_path_, err_path_;
+};
+
+std::string ReadWholeFile(const std::string& path);
+bool WriteWholeFile(const std::string& path, const std::string& text);
+// Polls pred every 20 ms until it holds or timeout_ms passed.
+bool WaitFor(int timeout_ms, const std::function<bool()>& pred);
+
+}  // namespace ppltest
+
+#endif
