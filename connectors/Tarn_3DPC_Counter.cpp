@@ -65,10 +65,13 @@ Tarn_3DPC_Counter::Tarn_3DPC_Counter(int idx)
 
 // The owner stops the counter first; stopping here as well keeps a forgotten
 // stop() from leaving a worker on a destroyed object.
-Tarn_3DPC_Counter::~Tarn_3DPC_Counter() { stop(); }
+Tarn_3DPC_Counter::~Tarn_3DPC_Counter() {
+    stop();
+}
 
 void Tarn_3DPC_Counter::start() {
-    if (running.exchange(true)) return;
+    if (running.exchange(true))
+        return;
     int err = pthread_create(&thread, nullptr, func_count_thread, this);
     if (err != 0) {
         fprintf(stderr, "%s(): pthread_create error, err = %d, %s\n", "start", err,
@@ -78,7 +81,8 @@ void Tarn_3DPC_Counter::start() {
 }
 
 void Tarn_3DPC_Counter::stop() {
-    if (!running) return;
+    if (!running)
+        return;
     api_type = E_PC_API_NONE;
     {
         std::lock_guard<std::mutex> lock(wake_lock);
@@ -97,8 +101,12 @@ void Tarn_3DPC_Counter::reconnect() {
     reconnect_requested = true;
 }
 
-bool Tarn_3DPC_Counter::is_running() { return running; }
-bool Tarn_3DPC_Counter::is_connect() { return connected; }
+bool Tarn_3DPC_Counter::is_running() {
+    return running;
+}
+bool Tarn_3DPC_Counter::is_connect() {
+    return connected;
+}
 
 void Tarn_3DPC_Counter::SetAPIType(E_PC_API_TYPE type) {
     pthread_mutex_lock(&mutex_t);
@@ -122,13 +130,15 @@ void Tarn_3DPC_Counter::SetDeviceAccount(std::string user, std::string password)
 }
 
 void Tarn_3DPC_Counter::SetDeviceHttpPort(std::string port) {
-    if (port.empty()) return;
+    if (port.empty())
+        return;
     std::lock_guard<std::mutex> lock(info_lock);
     ReplaceField(device_info.HttpPort, sizeof(device_info.HttpPort), port);
 }
 
 void Tarn_3DPC_Counter::SetDeviceIP(std::string ip) {
-    if (ip.empty()) return;
+    if (ip.empty())
+        return;
     std::lock_guard<std::mutex> lock(info_lock);
     ReplaceField(device_info.IP, sizeof(device_info.IP), ip);
 }
@@ -157,15 +167,22 @@ void Tarn_3DPC_Counter::GetDeviceInfo(std::string& ip, std::string& port) {
     port = FieldText(device_info.HttpPort, sizeof(device_info.HttpPort));
 }
 
-int Tarn_3DPC_Counter::get_ppl_total_cam_in() { return total_in; }
-int Tarn_3DPC_Counter::get_ppl_total_cam_out() { return total_out; }
-int Tarn_3DPC_Counter::get_ppl_total_cam_stayin() { return total_in - total_out; }
+int Tarn_3DPC_Counter::get_ppl_total_cam_in() {
+    return total_in;
+}
+int Tarn_3DPC_Counter::get_ppl_total_cam_out() {
+    return total_out;
+}
+int Tarn_3DPC_Counter::get_ppl_total_cam_stayin() {
+    return total_in - total_out;
+}
 
 void Tarn_3DPC_Counter::reset_ppl_total_counts() {
     total_in = 0;
     total_out = 0;
     Abstract_PPL_CB* cb = count_cb;
-    if (cb) cb->count_result(this);
+    if (cb)
+        cb->count_result(this);
 }
 
 int Tarn_3DPC_Counter::SendPPLRequest() {
@@ -191,8 +208,8 @@ int Tarn_3DPC_Counter::SendPPLRequest() {
     int ret = client.HandleRequest();
     if (ret != 0) {
         int err = errno;
-        fprintf(stderr, "%s(): Send request error, ret = %d, err = %d, %s\n", "SendPPLRequest",
-                ret, err, ErrnoText(err).c_str());
+        fprintf(stderr, "%s(): Send request error, ret = %d, err = %d, %s\n", "SendPPLRequest", ret,
+                err, ErrnoText(err).c_str());
         return ret;
     }
     std::memset(&context, 0, sizeof(context));
@@ -210,7 +227,8 @@ void Tarn_3DPC_Counter::CountingResult() {
     total_in = in;
     total_out = out;
     Abstract_PPL_CB* cb = count_cb;
-    if (cb) cb->count_result(this);
+    if (cb)
+        cb->count_result(this);
     dir_label = PPL_DIR_Label(get_dir());
     fprintf(stderr, "[%s Cam, idx: %d] Set total in: %d, total out: %d\n\n", dir_label.c_str(),
             cam_idx, in, out);
@@ -220,17 +238,21 @@ void Tarn_3DPC_Counter::WriteThreadLiveRecog() {
     thread_alive = true;
     last_request_time = GetTime();
     while (running) {
-        if (!SleepUnlessStopped(kPollSleepMs)) break;
+        if (!SleepUnlessStopped(kPollSleepMs))
+            break;
         poll_time = GetTime();
-        if (!PollIsDue(poll_time)) continue;
+        if (!PollIsDue(poll_time))
+            continue;
         last_request_time = poll_time;
         pthread_mutex_lock(&mutex_t);
         unsigned int reconnects_before = reconnect_calls;
         FinishRequest(SendPPLRequest(), reconnects_before);
         pthread_mutex_unlock(&mutex_t);
-        if (reconnect_requested) continue;
+        if (reconnect_requested)
+            continue;
         CountingResult();
-        if (!running) break;
+        if (!running)
+            break;
     }
     thread_alive = false;
 }

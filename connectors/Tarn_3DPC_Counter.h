@@ -66,7 +66,7 @@ private:
     std::atomic<bool> connected;
     pthread_t thread;
     int cam_idx;
-    std::string dir_label;  // worker only
+    std::string dir_label;        // worker only
     Tarn_3DPC_API_Client client;  // worker only, under the shared request lock
 
     std::mutex info_lock;  // guards device_info against the setters

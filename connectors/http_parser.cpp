@@ -13,11 +13,17 @@ namespace {
 const int kStateMalformed = 11;
 const int kHeadComplete = -1;
 
-bool is_blank(unsigned char c) { return c == ' ' || c == '\t'; }
-bool is_line_end(unsigned char c) { return c == '\r' || c == '\n'; }
+bool is_blank(unsigned char c) {
+    return c == ' ' || c == '\t';
+}
+bool is_line_end(unsigned char c) {
+    return c == '\r' || c == '\n';
+}
 
 // Where a line end leads from the states that expect one (4 to 7).
-int after_line_end(unsigned char c) { return c == '\n' ? 7 : 8; }
+int after_line_end(unsigned char c) {
+    return c == '\n' ? 7 : 8;
+}
 
 // One step of the head scanner: the next state or kHeadComplete. The first
 // line must have two or three words; the head ends at an empty line however
@@ -59,28 +65,34 @@ std::string next_line(HTTP_CONTEXT* ctx) {
     char* buf = ctx->buffer;
     uint32_t start = ctx->position;
     uint32_t i = start;
-    while (i < ctx->received && !is_line_end(static_cast<unsigned char>(buf[i]))) ++i;
+    while (i < ctx->received && !is_line_end(static_cast<unsigned char>(buf[i])))
+        ++i;
     std::string line(buf + start, strnlen(buf + start, i - start));
     if (i < ctx->received) {
         bool was_cr = buf[i] == '\r';
         buf[i++] = '\0';
-        if (was_cr && i < ctx->received && buf[i] == '\n') buf[i++] = '\0';
+        if (was_cr && i < ctx->received && buf[i] == '\n')
+            buf[i++] = '\0';
     }
     ctx->position = i;
     return line;
 }
 
 size_t skip_blanks(const std::string& s, size_t from) {
-    while (from < s.size() && is_blank(static_cast<unsigned char>(s[from]))) ++from;
+    while (from < s.size() && is_blank(static_cast<unsigned char>(s[from])))
+        ++from;
     return from;
 }
 
-std::string unescape(std::string text) { return unescape_url(&text[0]); }
+std::string unescape(std::string text) {
+    return unescape_url(&text[0]);
+}
 
 void parse_request_line(HTTP_CONTEXT* ctx, const std::string& line) {
     size_t method_end = line.find_first_of(" \t");
     ctx->method = line.substr(0, method_end);
-    std::string rest = method_end == std::string::npos ? "" : line.substr(skip_blanks(line, method_end));
+    std::string rest =
+        method_end == std::string::npos ? "" : line.substr(skip_blanks(line, method_end));
     size_t q = rest.find('?');
     if (q != std::string::npos) {
         ctx->path = rest.substr(0, q);
@@ -95,15 +107,18 @@ void parse_request_line(HTTP_CONTEXT* ctx, const std::string& line) {
 void parse_query(HTTP_CONTEXT* ctx) {
     std::string text = ctx->query;
     for (char& c : text) {
-        if (c == '+') c = ' ';
+        if (c == '+')
+            c = ' ';
     }
     size_t from = 0;
     while (from <= text.size()) {
         size_t to = text.find_first_of("&;", from);
-        if (to == std::string::npos) to = text.size();
+        if (to == std::string::npos)
+            to = text.size();
         std::string piece = text.substr(from, to - from);
         from = to + 1;
-        if (piece.empty()) continue;
+        if (piece.empty())
+            continue;
         size_t eq = piece.find('=');
         std::string value = eq == std::string::npos ? "" : unescape(piece.substr(eq + 1));
         ctx->params[unescape(piece.substr(0, eq))] = value;
@@ -112,7 +127,8 @@ void parse_query(HTTP_CONTEXT* ctx) {
 
 void parse_header_line(HTTP_CONTEXT* ctx, const std::string& line) {
     size_t colon = line.find(':');
-    if (colon == std::string::npos) return;
+    if (colon == std::string::npos)
+        return;
     ctx->headers[line.substr(0, colon)] = line.substr(skip_blanks(line, colon + 1));
 }
 
@@ -120,7 +136,8 @@ int parse_head(HTTP_CONTEXT* ctx) {
     ctx->position = 0;
     parse_request_line(ctx, next_line(ctx));
     parse_query(ctx);
-    while (ctx->position < ctx->received) parse_header_line(ctx, next_line(ctx));
+    while (ctx->position < ctx->received)
+        parse_header_line(ctx, next_line(ctx));
     return static_cast<int>(ctx->received);
 }
 
@@ -128,11 +145,14 @@ int parse_head(HTTP_CONTEXT* ctx) {
 // more is needed, -EPROTO for a malformed first line.
 int scan(HTTP_CONTEXT* ctx) {
     while (ctx->position < ctx->received) {
-        if (ctx->state == kStateMalformed) return -EPROTO;
+        if (ctx->state == kStateMalformed)
+            return -EPROTO;
         int next = next_state(ctx->state, static_cast<unsigned char>(ctx->buffer[ctx->position++]));
-        if (next == kHeadComplete) return 1;
+        if (next == kHeadComplete)
+            return 1;
         ctx->state = next;
-        if (next == kStateMalformed) return -EPROTO;
+        if (next == kStateMalformed)
+            return -EPROTO;
     }
     return 0;
 }
@@ -145,40 +165,51 @@ int wait_ms(const timeval& wait) {
 }  // namespace
 
 int http_read_until_got_request(int fd, HTTP_CONTEXT* ctx, const timeval& wait, int wake_fd) {
-    if (fd == -1 || ctx == nullptr || wait.tv_sec < 0 || ctx->buffer == nullptr) return -EINVAL;
+    if (fd == -1 || ctx == nullptr || wait.tv_sec < 0 || ctx->buffer == nullptr)
+        return -EINVAL;
     while (true) {
         // The last byte of the buffer always stays zero.
-        if (ctx->received + 1 >= ctx->buffer_size) return -EMSGSIZE;
+        if (ctx->received + 1 >= ctx->buffer_size)
+            return -EMSGSIZE;
         pollfd fds[2] = {{fd, POLLIN, 0}, {wake_fd, POLLIN, 0}};
         int ready = poll(fds, wake_fd >= 0 ? 2 : 1, wait_ms(wait));
-        if (ready == 0) return 0;
+        if (ready == 0)
+            return 0;
         if (ready < 0) {
-            if (errno == EINTR) continue;
+            if (errno == EINTR)
+                continue;
             return -errno;
         }
-        if (wake_fd >= 0 && (fds[1].revents & POLLIN)) return 0;
+        if (wake_fd >= 0 && (fds[1].revents & POLLIN))
+            return 0;
         ssize_t got = recv(fd, ctx->buffer + ctx->received, 1, 0);
-        if (got < 0) return -errno;
+        if (got < 0)
+            return -errno;
         if (got == 0) {
             fprintf(stderr, "%s(): Server closed\n", "http_read_until_got_request");
             return -1;
         }
         ctx->received += 1;
         int scanned = scan(ctx);
-        if (scanned < 0) return scanned;
-        if (scanned > 0) return parse_head(ctx);
+        if (scanned < 0)
+            return scanned;
+        if (scanned > 0)
+            return parse_head(ctx);
     }
 }
 
 namespace {
 
-int hex_value(unsigned char c) { return c < 'A' ? c - '0' : (c & ~0x20) - 55; }
+int hex_value(unsigned char c) {
+    return c < 'A' ? c - '0' : (c & ~0x20) - 55;
+}
 
 }  // namespace
 
 std::string unescape_url(char* text) {
     std::string out;
-    if (text == nullptr) return out;
+    if (text == nullptr)
+        return out;
     const unsigned char* p = reinterpret_cast<const unsigned char*>(text);
     while (*p != '\0') {
         if (*p == '%' && std::isxdigit(p[1]) && std::isxdigit(p[2])) {

@@ -31,8 +31,7 @@ struct HTTP_CONTEXT {
 // the head would not fit the buffer (its last byte is kept zero), minus errno
 // when select or recv fails, -EINVAL for bad arguments. A readable wake_fd
 // ends the wait at once as if nothing had arrived.
-int http_read_until_got_request(int fd, HTTP_CONTEXT* ctx, const timeval& wait,
-                                int wake_fd = -1);
+int http_read_until_got_request(int fd, HTTP_CONTEXT* ctx, const timeval& wait, int wake_fd = -1);
 
 // Decodes "%hh" escapes; a "%" not followed by two hex digits stays as it is.
 std::string unescape_url(char* text);

@@ -17,21 +17,43 @@ const char* PPL_DIR_Label(int dir) {
 Abstract_PPL_Counter::Abstract_PPL_Counter()
     : dir(PPL_DIR_DUAL), ppl_in(0), ppl_out(0), count_cb(nullptr) {}
 
-Abstract_PPL_Counter::~Abstract_PPL_Counter() { count_cb = nullptr; }
+Abstract_PPL_Counter::~Abstract_PPL_Counter() {
+    count_cb = nullptr;
+}
 
-void Abstract_PPL_Counter::set_dir(PPL_DIR d) { dir = d; }
-PPL_DIR Abstract_PPL_Counter::get_dir() { return dir; }
-void Abstract_PPL_Counter::set_ppl_in(int n) { ppl_in += n; }
-void Abstract_PPL_Counter::set_ppl_out(int n) { ppl_out += n; }
-int Abstract_PPL_Counter::get_ppl_in() { return ppl_in; }
-int Abstract_PPL_Counter::get_ppl_out() { return ppl_out; }
-int Abstract_PPL_Counter::get_ppl_stayin() { return ppl_in - ppl_out; }
+void Abstract_PPL_Counter::set_dir(PPL_DIR d) {
+    dir = d;
+}
+PPL_DIR Abstract_PPL_Counter::get_dir() {
+    return dir;
+}
+void Abstract_PPL_Counter::set_ppl_in(int n) {
+    ppl_in += n;
+}
+void Abstract_PPL_Counter::set_ppl_out(int n) {
+    ppl_out += n;
+}
+int Abstract_PPL_Counter::get_ppl_in() {
+    return ppl_in;
+}
+int Abstract_PPL_Counter::get_ppl_out() {
+    return ppl_out;
+}
+int Abstract_PPL_Counter::get_ppl_stayin() {
+    return ppl_in - ppl_out;
+}
 
 void Abstract_PPL_Counter::reset_ppl() {
     reset_ppl_in();
     reset_ppl_out();
 }
 
-void Abstract_PPL_Counter::reset_ppl_in() { ppl_in = 0; }
-void Abstract_PPL_Counter::reset_ppl_out() { ppl_out = 0; }
-void Abstract_PPL_Counter::set_ppl_count_callback(Abstract_PPL_CB* cb) { count_cb = cb; }
+void Abstract_PPL_Counter::reset_ppl_in() {
+    ppl_in = 0;
+}
+void Abstract_PPL_Counter::reset_ppl_out() {
+    ppl_out = 0;
+}
+void Abstract_PPL_Counter::set_ppl_count_callback(Abstract_PPL_CB* cb) {
+    count_cb = cb;
+}

@@ -9,7 +9,9 @@ PPL_Counter_Group::PPL_Counter_Group() {
     clear();
 }
 
-PPL_Counter_Group::~PPL_Counter_Group() { clear(); }
+PPL_Counter_Group::~PPL_Counter_Group() {
+    clear();
+}
 
 bool PPL_Counter_Group::add_ppl_counter(Abstract_PPL_Counter* counter) {
     std::lock_guard<std::mutex> guard(lock);

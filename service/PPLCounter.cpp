@@ -45,7 +45,8 @@ void ShowLog(const char* format, ...) {
     localtime_r(&now, &local);
     asctime_r(&local, when);
     size_t len = strlen(when);
-    if (len > 0) when[len - 1] = '\0';  // asctime ends with a newline
+    if (len > 0)
+        when[len - 1] = '\0';  // asctime ends with a newline
     fprintf(stderr, "[%s] %s", when, message);
 }
 
@@ -88,7 +89,9 @@ void PPLCounter::Start() {
     Run();
 }
 
-void PPLCounter::Stop() { running = false; }
+void PPLCounter::Stop() {
+    running = false;
+}
 
 bool PPLCounter::Init() {
     event_in = new NEventMQ(where.event_in_key, true);
@@ -113,7 +116,8 @@ void PPLCounter::Deinit() {
     if (use_3dpc != 0) {
         counter_3dpc->stop();
     } else {
-        for (UBrand_PPL_Counter* counter : lapi_counters) counter->stop();
+        for (UBrand_PPL_Counter* counter : lapi_counters)
+            counter->stop();
     }
 }
 
@@ -124,7 +128,8 @@ uint64_t PPLCounter::GetTime() {
 }
 
 void PPLCounter::Run() {
-    if (!Init()) running = false;
+    if (!Init())
+        running = false;
     UProcessSignal::Block(SIGTERM);
     UProcessSignal::Block(SIGINT);
     char reply[kPassBufferSize];
@@ -168,7 +173,8 @@ bool PPLCounter::ReloadConfiguration() {
         groups[g]->get_cam_pair(pair);
         old_pairs.push_back(pair);
     }
-    if (!ReadIni()) return false;
+    if (!ReadIni())
+        return false;
     PPL_Event_Out(Create_PPL_Enable_Event_Msg());
     ReadCamIni();
     for (uint32_t g = 0; g < group_num; ++g) {
@@ -176,7 +182,8 @@ bool PPLCounter::ReloadConfiguration() {
         PPL_Event_Out(Create_Count_Result_Event_Msg(
             static_cast<int>(g), group->get_total_cam_in_count(), group->get_total_cam_out_count(),
             group->get_total_cam_stayin_count()));
-        if (initialized) Update_PPL_Cam_Settings(g, old_settings, old_pairs);
+        if (initialized)
+            Update_PPL_Cam_Settings(g, old_settings, old_pairs);
     }
     last_status_ms = now_ms;
     UpdateStatus();

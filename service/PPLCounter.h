@@ -119,7 +119,7 @@ private:
     void PollEvent(char* event);
 
     std::string ComposeKey(std::stringstream& stream, const char* head, long number,
-                                  const char* tail);
+                           const char* tail);
     void StopLapiCounters();
     void ReadGroup(SAttr& ini, unsigned int g);
     void ReadGroupCamera(SAttr& ini, unsigned int g, bool in);

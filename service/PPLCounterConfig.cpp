@@ -15,7 +15,8 @@ constexpr int kMaskBits = 32;
 // Texts handed to fixed fields keep what fits (size - 1 characters).
 std::string Cut(const char* text, size_t field_size) {
     std::string s(text);
-    if (s.size() > field_size - 1) s.resize(field_size - 1);
+    if (s.size() > field_size - 1)
+        s.resize(field_size - 1);
     return s;
 }
 
@@ -35,7 +36,8 @@ std::string PPLCounter::ComposeKey(std::stringstream& stream, const char* head, 
 }
 
 void PPLCounter::StopLapiCounters() {
-    for (UBrand_PPL_Counter* counter : lapi_counters) counter->stop();
+    for (UBrand_PPL_Counter* counter : lapi_counters)
+        counter->stop();
 }
 
 // The counter that serves a camera index, or null when the index names none:
@@ -49,7 +51,8 @@ Abstract_PPL_Counter* PPLCounter::CounterForCamera(int camera) {
 }
 
 UBrand_PPL_Counter* PPLCounter::LapiCounter(long camera) {
-    if (camera < 0 || camera >= kLapiCounters) return nullptr;
+    if (camera < 0 || camera >= kLapiCounters)
+        return nullptr;
     return lapi_counters[camera];
 }
 
@@ -84,7 +87,8 @@ bool PPLCounter::ReadIni() {
     } else {
         counter_3dpc->stop();
     }
-    for (uint32_t g = 0; g < group_num; ++g) ReadGroup(ini, g);
+    for (uint32_t g = 0; g < group_num; ++g)
+        ReadGroup(ini, g);
     StartSelectedCounters();
     return true;
 }
@@ -100,7 +104,8 @@ void PPLCounter::ReadGroup(SAttr& ini, unsigned int g) {
 
     _PPL_CAM_SETTINGS record;
     memset(&record, 0, sizeof(record));
-    if (!ReadGroupSettings(ini, g, record)) return;
+    if (!ReadGroupSettings(ini, g, record))
+        return;
     if (group->compare_ppl_settings(record) && group->compare_cam_pair(old_pair)) {
         std::cout << "PPL settings are the same." << std::endl;
     } else {
@@ -114,11 +119,13 @@ void PPLCounter::ReadGroup(SAttr& ini, unsigned int g) {
 void PPLCounter::ReadGroupCamera(SAttr& ini, unsigned int g, bool in) {
     const std::string key =
         ComposeKey(cfg_key_stream, in ? "SERV_PPL_IN_" : "SERV_PPL_OUT_", g, "_CAM");
-    if (!ini.HasKey(key.c_str())) return;
+    if (!ini.HasKey(key.c_str()))
+        return;
     int c = ini.GetIntValue(key.c_str(), 10);
     std::cout << (in ? "PPL In Cam: " : "PPL Out Cam: ") << c << std::endl;
     Abstract_PPL_Counter* counter = CounterForCamera(c);
-    if (counter == nullptr) return;  // names no counter: no bit, no pair
+    if (counter == nullptr)
+        return;  // names no counter: no bit, no pair
     lapi_cam_mask |= 1u << c;
     PPL_Counter_Group* group = groups[g];
     if (in) {
@@ -126,7 +133,8 @@ void PPLCounter::ReadGroupCamera(SAttr& ini, unsigned int g, bool in) {
     } else {
         std::pair<int, int> pair;
         group->get_cam_pair(pair);
-        if (c != pair.first) counter->set_dir(static_cast<PPL_DIR>(3));
+        if (c != pair.first)
+            counter->set_dir(static_cast<PPL_DIR>(3));
         counter->set_dir(counter->get_dir() != 0 ? PPL_DIR_OUT : PPL_DIR_DUAL);
     }
     group->add_ppl_counter(counter);
@@ -177,7 +185,8 @@ bool PPLCounter::ReadGroupSettings(SAttr& ini, unsigned int g, _PPL_CAM_SETTINGS
             case 2:
                 record.ReportInterval = ini.GetIntValue(key.c_str(), 10);
                 std::cout << "PPL Report Interval: " << record.ReportInterval << std::endl;
-                if (use_3dpc == 1) counter_3dpc->SetDeviceInterval(record.ReportInterval);
+                if (use_3dpc == 1)
+                    counter_3dpc->SetDeviceInterval(record.ReportInterval);
                 break;
             case 3:
                 record.Sensitivity = ini.GetIntValue(key.c_str(), 10);
@@ -222,7 +231,8 @@ int PPLCounter::ReadCamIni() {
         return 1;
     }
     for (int n = 0; n < kLapiCounters; ++n) {
-        if (lapi_cam_mask & (1u << n)) ReadCamIniLapi(ini, n);
+        if (lapi_cam_mask & (1u << n))
+            ReadCamIniLapi(ini, n);
     }
     return 1;
 }
@@ -255,7 +265,8 @@ void PPLCounter::ReadCamIni3DPC(SAttr& ini) {
         counter_3dpc->SetDeviceAccount(user, value);
         changed = true;
     }
-    if (changed) counter_3dpc->reconnect();
+    if (changed)
+        counter_3dpc->reconnect();
 }
 
 // The first address given to a counter does not reconnect it; a later change
@@ -282,7 +293,8 @@ void PPLCounter::ReadCamIniLapi(SAttr& ini, int n) {
             return;
         }
     }
-    if (changed) counter->reconnect();
+    if (changed)
+        counter->reconnect();
 }
 
 bool PPLCounter::GetCamInfo(int camera, CamInfo& info) {
@@ -311,9 +323,12 @@ bool PPLCounter::GetCamInfo(int camera, CamInfo& info) {
 bool PPLCounter::GetCamInfo(int camera, std::string& address, int& port) {
     SAttr ini('=', "\r\n", "\n", nullptr);
     ini.LoadFile(where.system_ini.c_str());
-    const char* ip = ini.GetKeyValue(ComposeKey(cfg_key_stream, "SERV_PPL_CAM_", camera, "_IP").c_str());
-    if (ip != nullptr) address = ip;
+    const char* ip =
+        ini.GetKeyValue(ComposeKey(cfg_key_stream, "SERV_PPL_CAM_", camera, "_IP").c_str());
+    if (ip != nullptr)
+        address = ip;
     const std::string http = ComposeKey(cfg_key_stream, "SERV_PPL_CAM_", camera, "_HTTP");
-    if (ini.HasKey(http.c_str())) port = ini.GetIntValue(http.c_str(), 10);
+    if (ini.HasKey(http.c_str()))
+        port = ini.GetIntValue(http.c_str(), 10);
     return true;
 }

@@ -11,25 +11,25 @@
 #include "UBrand_PPL_Counter.h"
 
 namespace {
-constexpr size_t kEventTextSize = 512;
+constexpr size_t kEventBuildSize = 512;
 constexpr size_t kReplySize = 256;
 
 std::string Format(const char* format, int a, int b) {
-    char text[kEventTextSize] = {0};
+    char text[kEventBuildSize] = {0};
     snprintf(text, sizeof(text), format, a, b);
     return std::string(text);
 }
 }  // namespace
 
 std::string PPLCounter::Create_PPL_Enable_Event_Msg() {
-    char text[kEventTextSize] = {0};
+    char text[kEventBuildSize] = {0};
     snprintf(text, sizeof(text), "event=ppl_enable&enable=%d", static_cast<int>(enable));
     return std::string(text);
 }
 
 // The stay-in key is always "stayin0", whatever the group: receivers rely on it.
 std::string PPLCounter::Create_Count_Result_Event_Msg(int group, int in, int out, int stayin) {
-    char text[kEventTextSize] = {0};
+    char text[kEventBuildSize] = {0};
     snprintf(text, sizeof(text), "event=ppl_count&in%d=%d&out%d=%d&stayin0=%d", group, in, group,
              out, stayin);
     return std::string(text);
@@ -45,7 +45,8 @@ std::string PPLCounter::Create_StayIn_Over_Event_Msg(int group, int limit) {
 
 void PPLCounter::PPL_Event_Out(const std::string& text) {
     std::lock_guard<std::mutex> guard(event_out_lock);
-    if (event_out != nullptr) event_out->Send(text.data(), static_cast<unsigned int>(text.size()));
+    if (event_out != nullptr)
+        event_out->Send(text.data(), static_cast<unsigned int>(text.size()));
 }
 
 // Runs on the reporting counter's thread. One callback at a time evaluates
@@ -56,7 +57,8 @@ void PPLCounter::count_result(Abstract_PPL_Counter* counter) {
     std::lock_guard<std::mutex> guard(alarm_lock);
     PPL_Counter_Group* group = groups[0];
     const std::pair<int, int> limits = stayin_limits[0];
-    if (!group->is_in_group(counter)) return;
+    if (!group->is_in_group(counter))
+        return;
     if (group->get_total_cam_stayin_count() >= limits.first) {
         if (!stayin_over_latched) {
             PPL_Event_Out(Create_StayIn_Over_Event_Msg(0, limits.first));
@@ -76,18 +78,22 @@ void PPLCounter::count_result(Abstract_PPL_Counter* counter) {
 }
 
 bool PPLCounter::ParseCmd(const char* text, char* reply) {
-    if (text == nullptr) return false;
+    if (text == nullptr)
+        return false;
     SAttr cmd('=', "&", "\n", nullptr);
     cmd.LoadMemory(text);
-    std::cout << "ParseCmd" << "(): " << text << std::endl;
+    std::cout << "ParseCmd"
+              << "(): " << text << std::endl;
     const char* action = cmd.GetKeyValue("action");
-    if (action == nullptr) return false;
+    if (action == nullptr)
+        return false;
     if (strcmp(action, "ppl_config_change") == 0) {
         reload_config = true;
         return true;
     }
     if (strcmp(action, "ppl_reset_service") == 0) {
-        if (!GroupArgumentIsZero(cmd)) return false;
+        if (!GroupArgumentIsZero(cmd))
+            return false;
         Reset_PPL_Cam_Service(0, 0);
         restart_group_mask |= 1u;
         snprintf(reply, kReplySize, "%s", "&wait_5_seconds");
@@ -96,7 +102,8 @@ bool PPLCounter::ParseCmd(const char* text, char* reply) {
     if (strcmp(action, "ppl_clear_counts") == 0) {
         return GroupArgumentIsZero(cmd) && ClearCounts();
     }
-    if (strcmp(action, "ppl_get_service_status") == 0) return ServiceStatus(reply);
+    if (strcmp(action, "ppl_get_service_status") == 0)
+        return ServiceStatus(reply);
     return false;
 }
 
@@ -112,7 +119,8 @@ bool PPLCounter::ClearCounts() {
     settings.ClearCounts = 1;
     std::pair<int, int> pair;
     groups[0]->get_cam_pair(pair);
-    if (pair.first == -1 || pair.second == -1) return false;
+    if (pair.first == -1 || pair.second == -1)
+        return false;
     if (use_3dpc == 1) {
         if (counter_3dpc->is_connect() && settings.ClearCounts != 0) {
             counter_3dpc->SetAPIType(static_cast<E_PC_API_TYPE>(2));
@@ -127,7 +135,8 @@ bool PPLCounter::ClearCounts() {
         std::cout << "Failed to set camera " << pair.first << " PPL settings." << std::endl;
         return false;
     }
-    if (pair.first == pair.second) return true;
+    if (pair.first == pair.second)
+        return true;
     if (!Create_PPL_Settings_Request(settings, pair.second)) {
         std::cout << "Failed to set camera " << pair.second << " PPL settings." << std::endl;
         return false;
@@ -143,22 +152,27 @@ bool PPLCounter::ServiceStatus(char* reply) {
     } else {
         uint32_t mask = lapi_cam_mask;
         for (int n = 0; n < static_cast<int>(lapi_counters.size()); ++n) {
-            if (!(mask & (1u << n))) continue;
+            if (!(mask & (1u << n)))
+                continue;
             MarkConnected(lapi_counters[n], lapi_counters[n]->is_connect(), in_state, out_state);
         }
     }
     std::stringstream text;
-    text << "&in0" << "=" << in_state << "&out0" << "=" << out_state;
+    text << "&in0"
+         << "=" << in_state << "&out0"
+         << "=" << out_state;
     snprintf(reply, kReplySize, "%s", text.str().c_str());
     return true;
 }
 
 bool PPLCounter::ParseEvt(const char* text) {
-    if (text == nullptr) return false;
+    if (text == nullptr)
+        return false;
     SAttr evt('=', "&", "\n", nullptr);
     evt.LoadMemory(text);
     const char* name = evt.GetKeyValue("event");
-    if (name == nullptr) return false;
+    if (name == nullptr)
+        return false;
     if (strcmp(name, "add_camera") == 0) {
         AddCamera(evt.GetUIntValue("ch", 10));
     } else if (strcmp(name, "del_camera") == 0) {
@@ -170,13 +184,17 @@ bool PPLCounter::ParseEvt(const char* text) {
 // The channel is reduced modulo 32 only for the bit test; a channel that
 // names no LAPI counter is ignored.
 void PPLCounter::AddCamera(unsigned int ch) {
-    if (!(lapi_cam_mask & (1u << (ch % 32)))) return;
+    if (!(lapi_cam_mask & (1u << (ch % 32))))
+        return;
     std::string address;
     int port = 0;
-    if (!GetCamInfo(static_cast<int>(ch), address, port)) return;
+    if (!GetCamInfo(static_cast<int>(ch), address, port))
+        return;
     UBrand_PPL_Counter* counter = LapiCounter(ch);
-    if (counter == nullptr) return;
-    if (counter->get_server_addr() == address && counter->get_server_port() == port) return;
+    if (counter == nullptr)
+        return;
+    if (counter->get_server_addr() == address && counter->get_server_port() == port)
+        return;
     counter->set_server_addr(address);
     counter->set_server_port(port);
     if (counter->is_running()) {
@@ -187,7 +205,9 @@ void PPLCounter::AddCamera(unsigned int ch) {
 }
 
 void PPLCounter::DeleteCamera(unsigned int ch) {
-    if (!(lapi_cam_mask & (1u << (ch % 32)))) return;
+    if (!(lapi_cam_mask & (1u << (ch % 32))))
+        return;
     UBrand_PPL_Counter* counter = LapiCounter(ch);
-    if (counter != nullptr) counter->stop();
+    if (counter != nullptr)
+        counter->stop();
 }

@@ -23,7 +23,8 @@ bool PPLCounter::Create_PPL_Settings_Request(const char* request, int camera) {
     UBrand_LAPI_Client client;
     CamInfo info;
     memset(&info, 0, sizeof(info));
-    if (!GetCamInfo(camera, info)) return false;
+    if (!GetCamInfo(camera, info))
+        return false;
     client.SetCamInfo(info);
     client.SetVAType(static_cast<E_UBRAND_VA_TYPE>(1));
     return client.HandleCommand(text) >= 0;
@@ -49,7 +50,8 @@ int PPLCounter::Reset_PPL_Cam_Service(unsigned int group, int enable_value) {
     char request[kEnableRequestSize] = {0};
     snprintf(request, sizeof(request), "action=ppl_setdata&Enable=%d", enable_value);
     std::pair<int, int> pair(-1, -1);
-    if (group < groups.size()) groups[group]->get_cam_pair(pair);
+    if (group < groups.size())
+        groups[group]->get_cam_pair(pair);
     if (pair.first == -1 || pair.second == -1) {
         std::cout << "Camera group is incomplete" << std::endl;
         return 0;
@@ -58,7 +60,8 @@ int PPLCounter::Reset_PPL_Cam_Service(unsigned int group, int enable_value) {
         ReportFailedCamera(pair.first);
         return 0;
     }
-    if (pair.second == pair.first) return 1;
+    if (pair.second == pair.first)
+        return 1;
     if (!Create_PPL_Settings_Request(request, pair.second)) {
         ReportFailedCamera(pair.second);
         return 0;
@@ -68,7 +71,8 @@ int PPLCounter::Reset_PPL_Cam_Service(unsigned int group, int enable_value) {
 
 void PPLCounter::Check_PPL_Cam_Restart_Service() {
     for (uint32_t g = 0; g < group_num && g < 32; ++g) {
-        if (restart_group_mask & (1u << g)) Reset_PPL_Cam_Service(g, 1);
+        if (restart_group_mask & (1u << g))
+            Reset_PPL_Cam_Service(g, 1);
     }
     restart_group_mask = 0;
 }
@@ -104,12 +108,14 @@ void PPLCounter::Update_PPL_Cam_Settings(unsigned int group,
     grp->get_cam_pair(pair);
     const int cameras[2] = {pair.first, pair.second};
     for (int side = 0; side < 2; ++side) {
-        if (side == 1 && pair.second == pair.first) return;
+        if (side == 1 && pair.second == pair.first)
+            return;
         if (!Create_PPL_Settings_Request(settings, cameras[side])) {
             ReportFailedCamera(cameras[side]);
             return;
         }
         UBrand_PPL_Counter* counter = LapiCounter(cameras[side]);
-        if (clear && counter != nullptr && counter->is_connect()) counter->reset_ppl_total_counts();
+        if (clear && counter != nullptr && counter->is_connect())
+            counter->reset_ppl_total_counts();
     }
 }

@@ -12,9 +12,10 @@ const char* const kDisconnect = "disconnect";
 
 // States follow the direction of the connected counters, not the end of the
 // pair they were found at.
-void PPLCounter::MarkConnected(Abstract_PPL_Counter* counter, bool connected,
-                               const char*& in_state, const char*& out_state) {
-    if (counter == nullptr || !connected) return;
+void PPLCounter::MarkConnected(Abstract_PPL_Counter* counter, bool connected, const char*& in_state,
+                               const char*& out_state) {
+    if (counter == nullptr || !connected)
+        return;
     switch (counter->get_dir()) {
         case PPL_DIR_DUAL:
             in_state = kConnect;
@@ -38,7 +39,8 @@ void PPLCounter::CameraStates(PPL_Counter_Group* group, const char*& in_state,
     std::pair<int, int> pair;
     group->get_cam_pair(pair);
     for (int camera : {pair.first, pair.second}) {
-        if (camera < 0) continue;
+        if (camera < 0)
+            continue;
         if (use_3dpc == 1) {
             MarkConnected(counter_3dpc, counter_3dpc->is_connect(), in_state, out_state);
         } else if (UBrand_PPL_Counter* lapi = LapiCounter(camera)) {
@@ -49,7 +51,8 @@ void PPLCounter::CameraStates(PPL_Counter_Group* group, const char*& in_state,
 
 void PPLCounter::UpdateStatus() {
     SAttr status('=', "\r\n", "\n", where.status_ini.c_str());
-    if (UFile::Exist(where.status_ini.c_str())) status.LoadFile(nullptr);
+    if (UFile::Exist(where.status_ini.c_str()))
+        status.LoadFile(nullptr);
     for (uint32_t g = 0; g < group_num; ++g) {
         PPL_Counter_Group* group = groups[g];
         status.SetIntValue("PPL.Enable", enable, 10);
@@ -76,8 +79,7 @@ void PPLCounter::UpdateStatus() {
         const char* in_state;
         const char* out_state;
         CameraStates(group, in_state, out_state);
-        status.SetKeyValue(ComposeKey(status_key_stream, "PPL.In", g, ".Status").c_str(),
-                           in_state);
+        status.SetKeyValue(ComposeKey(status_key_stream, "PPL.In", g, ".Status").c_str(), in_state);
         status.SetKeyValue(ComposeKey(status_key_stream, "PPL.Out", g, ".Status").c_str(),
                            out_state);
     }
@@ -87,7 +89,8 @@ void PPLCounter::UpdateStatus() {
 // Kept ready for use; the service itself never calls it.
 void PPLCounter::UpdateRecordIni(unsigned int group) {
     SAttr record('=', "\r\n", "\n", where.record_ini.c_str());
-    if (UFile::Exist(where.record_ini.c_str())) record.LoadFile(nullptr);
+    if (UFile::Exist(where.record_ini.c_str()))
+        record.LoadFile(nullptr);
     PPL_Counter_Group* grp = groups[group];
     record.SetIntValue(ComposeKey(record_key_stream, "PPL.Record.In", group, ".Count").c_str(),
                        grp->get_in_count(), 10);
@@ -95,15 +98,15 @@ void PPLCounter::UpdateRecordIni(unsigned int group) {
                        grp->get_out_count(), 10);
     record.SetIntValue(ComposeKey(record_key_stream, "PPL.Record.StayIn", group, ".Count").c_str(),
                        grp->get_stayin_count(), 10);
-    record.SetIntValue(
-        ComposeKey(record_key_stream, "PPL.Record.Cam.In", group, ".Count").c_str(),
-        grp->get_total_cam_in_count(), 10);
-    record.SetIntValue(
-        ComposeKey(record_key_stream, "PPL.Record.Cam.Out", group, ".Count").c_str(),
-        grp->get_total_cam_out_count(), 10);
+    record.SetIntValue(ComposeKey(record_key_stream, "PPL.Record.Cam.In", group, ".Count").c_str(),
+                       grp->get_total_cam_in_count(), 10);
+    record.SetIntValue(ComposeKey(record_key_stream, "PPL.Record.Cam.Out", group, ".Count").c_str(),
+                       grp->get_total_cam_out_count(), 10);
     record.SaveFile(nullptr, true, true);
 }
 
 // Counts of a fresh service come from what the cameras report; nothing is
 // restored from the record file.
-bool PPLCounter::ReadRecordIni() { return true; }
+bool PPLCounter::ReadRecordIni() {
+    return true;
+}

@@ -26,7 +26,8 @@ const mqd_t kNoQueue = static_cast<mqd_t>(-1);
 
 bool NSysVMsgQ::create(int key) {
     m_nMQId = msgget(key, IPC_CREAT | 0777);
-    if (m_nMQId >= 0) return true;
+    if (m_nMQId >= 0)
+        return true;
     REPORT_FAILURE("create");
     m_nMQId = msgget(key, 0777);
     return m_nMQId >= 0;
@@ -34,7 +35,8 @@ bool NSysVMsgQ::create(int key) {
 
 bool NSysVMsgQ::open(int key) {
     m_nMQId = msgget(key, 0777);
-    if (m_nMQId >= 0) return true;
+    if (m_nMQId >= 0)
+        return true;
     REPORT_FAILURE("open");
     return false;
 }
@@ -49,14 +51,16 @@ bool NSysVMsgQ::destroy() {
 }
 
 bool NSysVMsgQ::send(const void* message, size_t size, int flags) {
-    if (msgsnd(m_nMQId, message, size, flags) == 0) return true;
+    if (msgsnd(m_nMQId, message, size, flags) == 0)
+        return true;
     REPORT_FAILURE("send");
     return false;
 }
 
 int NSysVMsgQ::recv(void* message, size_t size, long type, int flags) {
     ssize_t got = msgrcv(m_nMQId, message, size, type, flags);
-    if (got < 0) REPORT_FAILURE("recv");
+    if (got < 0)
+        REPORT_FAILURE("recv");
     return static_cast<int>(got);
 }
 
@@ -78,7 +82,9 @@ int NSysVMsgQ::getMsgBufferSize() {
     return static_cast<int>(ds.msg_qbytes);
 }
 
-NPosixMsgQ::~NPosixMsgQ() { close(); }
+NPosixMsgQ::~NPosixMsgQ() {
+    close();
+}
 
 bool NPosixMsgQ::create(const char* name, long max_messages, long message_size) {
     close();
@@ -117,33 +123,39 @@ bool NPosixMsgQ::open(const char* name) {
 }
 
 bool NPosixMsgQ::send(const char* data, size_t size, unsigned int priority) {
-    if (mq_send(m_hQueue, data, size, priority) == 0) return true;
+    if (mq_send(m_hQueue, data, size, priority) == 0)
+        return true;
     REPORT_FAILURE("send");
     return false;
 }
 
 int NPosixMsgQ::recv(char* buffer, size_t size, unsigned int* priority) {
     ssize_t got = mq_receive(m_hQueue, buffer, size, priority);
-    if (got < 0) REPORT_FAILURE("recv");
+    if (got < 0)
+        REPORT_FAILURE("recv");
     return static_cast<int>(got);
 }
 
 void NPosixMsgQ::close() {
-    if (m_hQueue != kNoQueue) mq_close(m_hQueue);
+    if (m_hQueue != kNoQueue)
+        mq_close(m_hQueue);
     m_hQueue = kNoQueue;
 }
 
 bool NPosixMsgQ::destroy() {
     close();
-    if (m_szName[0] == '\0') return false;
+    if (m_szName[0] == '\0')
+        return false;
     bool ok = mq_unlink(m_szName) == 0;
-    if (!ok) REPORT_FAILURE("destroy");
+    if (!ok)
+        REPORT_FAILURE("destroy");
     m_szName[0] = '\0';
     return ok;
 }
 
 bool NPosixMsgQ::getAttr(struct mq_attr& attr) {
-    if (mq_getattr(m_hQueue, &attr) == 0) return true;
+    if (mq_getattr(m_hQueue, &attr) == 0)
+        return true;
     REPORT_FAILURE("getAttr");
     return false;
 }

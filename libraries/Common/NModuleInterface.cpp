@@ -22,7 +22,8 @@ const size_t kPathSize = sizeof(sockaddr_un::sun_path);
 
 // Waits until fd is readable: positive when it is, 0 on time-out, -1 on error.
 int PollReadable(int fd, unsigned int seconds, unsigned int microseconds) {
-    if (fd < 0) return -1;
+    if (fd < 0)
+        return -1;
     struct pollfd pfd;
     pfd.fd = fd;
     pfd.events = POLLIN;
@@ -48,7 +49,8 @@ bool MakeAddress(const char* path, struct sockaddr_un* addr, socklen_t* length) 
 }
 
 void CloseDescriptor(int* fd) {
-    if (*fd > 0) ::close(*fd);
+    if (*fd > 0)
+        ::close(*fd);
     *fd = -1;
 }
 
@@ -56,22 +58,32 @@ void CloseDescriptor(int* fd) {
 
 // ---------------------------------------------------------------- IEvent
 
-int IEvent::Send(const char*, unsigned int) { return -1; }
+int IEvent::Send(const char*, unsigned int) {
+    return -1;
+}
 
-int IEvent::Recv(char*, unsigned int) { return -1; }
+int IEvent::Recv(char*, unsigned int) {
+    return -1;
+}
 
-int IEvent::Wait(unsigned int, unsigned int) { return -1; }
+int IEvent::Wait(unsigned int, unsigned int) {
+    return -1;
+}
 
 // ---------------------------------------------------------------- NCommandIPC
 
-NCommandIPC::NCommandIPC() : m_nSocket(-1) { ClearAddresses(); }
+NCommandIPC::NCommandIPC() : m_nSocket(-1) {
+    ClearAddresses();
+}
 
 NCommandIPC::NCommandIPC(const char* local, const char* remote) : m_nSocket(-1) {
     ClearAddresses();
     Connect(local, remote);
 }
 
-NCommandIPC::~NCommandIPC() { destroySocket(); }
+NCommandIPC::~NCommandIPC() {
+    destroySocket();
+}
 
 void NCommandIPC::ClearAddresses() {
     std::memset(m_szBoundPath, 0, sizeof(m_szBoundPath));
@@ -95,8 +107,10 @@ bool NCommandIPC::SetRemote(const char* remote) {
 int NCommandIPC::Connect(const char* local, const char* remote) {
     destroySocket();
     ClearAddresses();
-    if (createSocket() < 0) return m_nSocket;
-    if (remote != nullptr) SetRemote(remote);
+    if (createSocket() < 0)
+        return m_nSocket;
+    if (remote != nullptr)
+        SetRemote(remote);
     if (local != nullptr) {
         if (!MakeAddress(local, &m_stLocalAddr, &m_nLocalAddrLen)) {
             perror("NDGramIPC: bind error.");
@@ -113,18 +127,21 @@ int NCommandIPC::Connect(const char* local, const char* remote) {
 int NCommandIPC::createSocket() {
     destroySocket();
     m_nSocket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (m_nSocket < 0) perror("NDGramIPC: Unsupported Unix Socket.");
+    if (m_nSocket < 0)
+        perror("NDGramIPC: Unsupported Unix Socket.");
     return m_nSocket;
 }
 
 void NCommandIPC::destroySocket() {
     CloseDescriptor(&m_nSocket);
-    if (m_szBoundPath[0] != '\0') unlink(m_szBoundPath);
+    if (m_szBoundPath[0] != '\0')
+        unlink(m_szBoundPath);
     m_szBoundPath[0] = '\0';
 }
 
 bool NCommandIPC::bind() {
-    if (m_nLocalAddrLen == 0) errno = EDESTADDRREQ;
+    if (m_nLocalAddrLen == 0)
+        errno = EDESTADDRREQ;
     if (m_nLocalAddrLen == 0 ||
         ::bind(m_nSocket, reinterpret_cast<const struct sockaddr*>(&m_stLocalAddr),
                m_nLocalAddrLen) != 0) {
@@ -136,7 +153,8 @@ bool NCommandIPC::bind() {
 }
 
 int NCommandIPC::Send(const char* data, unsigned int length) {
-    if (m_nSocket < 0 && createSocket() < 0) return -1;
+    if (m_nSocket < 0 && createSocket() < 0)
+        return -1;
     // The terminating zero travels with every datagram.
     static const char kZero = '\0';
     struct iovec parts[2];
@@ -159,18 +177,21 @@ int NCommandIPC::Send(const char* data, unsigned int length) {
 }
 
 int NCommandIPC::Send(const char* data, unsigned int length, const char* remote) {
-    if (remote != nullptr) SetRemote(remote);
+    if (remote != nullptr)
+        SetRemote(remote);
     return Send(data, length);
 }
 
 int NCommandIPC::Recv(char* buffer, unsigned int size) {
-    if (m_nSocket < 0 || size == 0) return -1;
+    if (m_nSocket < 0 || size == 0)
+        return -1;
     struct sockaddr_un from;
     std::memset(&from, 0, sizeof(from));
     socklen_t from_length = sizeof(from);
     ssize_t got = recvfrom(m_nSocket, buffer, size - 1, MSG_DONTWAIT,
                            reinterpret_cast<struct sockaddr*>(&from), &from_length);
-    if (got < 0) return static_cast<int>(got);
+    if (got < 0)
+        return static_cast<int>(got);
     // The sender becomes the peer that the next Send answers.
     m_stRemoteAddr = from;
     m_nRemoteAddrLen = from_length;
@@ -210,12 +231,16 @@ int SendEvent(NSysVMsgQ& queue, NEventMessage& message, int reopen_key, const ch
         return -1;
     }
     message.type = 1;
-    if (length > 0) std::memcpy(message.text, text, length);
+    if (length > 0)
+        std::memcpy(message.text, text, length);
     message.text[length] = '\0';
-    if (queue.send(&message, length, IPC_NOWAIT)) return static_cast<int>(length);
-    if (reopen_key == -1) return -1;
+    if (queue.send(&message, length, IPC_NOWAIT))
+        return static_cast<int>(length);
+    if (reopen_key == -1)
+        return -1;
     queue.forget();
-    if (!queue.open(reopen_key)) return -1;
+    if (!queue.open(reopen_key))
+        return -1;
     return queue.send(&message, length, IPC_NOWAIT) ? static_cast<int>(length) : -1;
 }
 
@@ -223,27 +248,33 @@ int SendEvent(NSysVMsgQ& queue, NEventMessage& message, int reopen_key, const ch
 // caller's buffer is consumed and dropped; so is one longer than a record,
 // which would otherwise stay at the head of the queue for ever.
 int RecvEvent(NSysVMsgQ& queue, NEventMessage& message, char* buffer, unsigned int size) {
-    if (queue.getMQId() < 0) return -1;
+    if (queue.getMQId() < 0)
+        return -1;
     int got = queue.recv(&message, kEventTextSize, 0, IPC_NOWAIT);
     if (got < 0 && errno == E2BIG) {
         queue.recv(&message, kEventTextSize, 0, IPC_NOWAIT | MSG_NOERROR);
         return -1;
     }
-    if (got < 1) return got;
-    if (static_cast<unsigned int>(got) >= size) return -1;
+    if (got < 1)
+        return got;
+    if (static_cast<unsigned int>(got) >= size)
+        return -1;
     std::memcpy(buffer, message.text, static_cast<size_t>(got));
     buffer[got] = '\0';
     return got;
 }
 
 int CountEvents(NSysVMsgQ& queue) {
-    if (queue.getMQId() < 0) return -1;
+    if (queue.getMQId() < 0)
+        return -1;
     return queue.getNumMessages();
 }
 
 }  // namespace
 
-NEventMQ::NEventMQ() : m_nKey(-1) { std::memset(&m_message, 0, sizeof(m_message)); }
+NEventMQ::NEventMQ() : m_nKey(-1) {
+    std::memset(&m_message, 0, sizeof(m_message));
+}
 
 NEventMQ::NEventMQ(int key, bool create) : m_nKey(create ? -1 : key) {
     std::memset(&m_message, 0, sizeof(m_message));
@@ -254,11 +285,13 @@ NEventMQ::NEventMQ(int key, bool create) : m_nKey(create ? -1 : key) {
 }
 
 NEventMQ::~NEventMQ() {
-    if (m_nKey == -1) Release();
+    if (m_nKey == -1)
+        Release();
 }
 
 void NEventMQ::Release() {
-    if (m_queue.getMQId() >= 0) m_queue.destroy();
+    if (m_queue.getMQId() >= 0)
+        m_queue.destroy();
 }
 
 bool NEventMQ::create(int key) {
@@ -288,7 +321,8 @@ void NEventMQ::disconnect() {
 
 int NEventMQ::destroy() {
     std::lock_guard<std::mutex> hold(m_lock);
-    if (m_queue.getMQId() < 0) return -1;
+    if (m_queue.getMQId() < 0)
+        return -1;
     return m_queue.destroy() ? 0 : -1;
 }
 
@@ -318,7 +352,8 @@ NMQEventHandler::NMQEventHandler(int key) {
 }
 
 NMQEventHandler::~NMQEventHandler() {
-    if (m_queue.getMQId() >= 0) m_queue.destroy();
+    if (m_queue.getMQId() >= 0)
+        m_queue.destroy();
 }
 
 int NMQEventHandler::Recv(char* buffer, unsigned int size) {
@@ -342,7 +377,8 @@ int NMQEventRaiser::Send(const char* text, unsigned int length) {
 }
 
 int NEventQueueList::RegisterQueue(int key) {
-    if (m_nCount >= kMaxQueues) return 0;
+    if (m_nCount >= kMaxQueues)
+        return 0;
     m_queues[m_nCount].reset(new NEventMQ(key, false));
     return m_nCount++;
 }
@@ -351,25 +387,33 @@ int NEventQueueList::Send(const char* text, unsigned int length) {
     int result = 1;
     for (int i = 0; i < m_nCount; ++i) {
         int sent = m_queues[i]->Send(text, length);
-        if (sent < 0) result = sent;
+        if (sent < 0)
+            result = sent;
     }
     return result;
 }
 
 // ---------------------------------------------------------------- stream sockets
 
-NUnixCommander::NUnixCommander() : m_nSocket(-1) { m_szPath[0] = '\0'; }
+NUnixCommander::NUnixCommander() : m_nSocket(-1) {
+    m_szPath[0] = '\0';
+}
 
-NUnixCommander::~NUnixCommander() { disconnect(); }
+NUnixCommander::~NUnixCommander() {
+    disconnect();
+}
 
-void NUnixCommander::disconnect() { CloseDescriptor(&m_nSocket); }
+void NUnixCommander::disconnect() {
+    CloseDescriptor(&m_nSocket);
+}
 
 bool NUnixCommander::StorePath(const char* path) {
     if (std::strlen(path) >= sizeof(m_szPath)) {
         errno = ENAMETOOLONG;
         return false;
     }
-    if (path != m_szPath) std::strcpy(m_szPath, path);
+    if (path != m_szPath)
+        std::strcpy(m_szPath, path);
     return true;
 }
 
@@ -397,10 +441,13 @@ int NUnixCommander::connect(const char* path) {
     return m_nSocket;
 }
 
-bool NUnixCommander::reconnect() { return m_szPath[0] != '\0' && connect(m_szPath) >= 0; }
+bool NUnixCommander::reconnect() {
+    return m_szPath[0] != '\0' && connect(m_szPath) >= 0;
+}
 
 bool NUnixCommander::SendLength(unsigned int length) {
-    if (m_nSocket < 0) return false;
+    if (m_nSocket < 0)
+        return false;
     uint32_t header = length;
     return send(m_nSocket, &header, sizeof(header), MSG_DONTWAIT | MSG_NOSIGNAL) ==
            static_cast<ssize_t>(sizeof(header));
@@ -408,26 +455,35 @@ bool NUnixCommander::SendLength(unsigned int length) {
 
 int NUnixCommander::Send(const char* data, unsigned int length) {
     // A peer that went away shows first on the length; one new connection is tried.
-    if (!SendLength(length) && (!reconnect() || !SendLength(length))) return -1;
-    if (length == 0) return 0;
+    if (!SendLength(length) && (!reconnect() || !SendLength(length)))
+        return -1;
+    if (length == 0)
+        return 0;
     return static_cast<int>(send(m_nSocket, data, length, MSG_DONTWAIT | MSG_NOSIGNAL));
 }
 
 int NUnixCommander::Recv(char* buffer, unsigned int size) {
-    if (m_nSocket < 0) return -1;
+    if (m_nSocket < 0)
+        return -1;
+    // The length is only peeked at first: a message too long for the buffer
+    // stays whole in the stream for a later call with a larger one.
     uint32_t length = 0;
-    ssize_t got = recv(m_nSocket, &length, sizeof(length), MSG_WAITALL);
+    ssize_t got = recv(m_nSocket, &length, sizeof(length), MSG_PEEK | MSG_WAITALL);
     if (got == 0) {
         disconnect();
         return 0;
     }
-    if (got != static_cast<ssize_t>(sizeof(length)) || length >= size) return -1;
+    if (got != static_cast<ssize_t>(sizeof(length)) || length >= size)
+        return -1;
+    if (recv(m_nSocket, &length, sizeof(length), 0) != static_cast<ssize_t>(sizeof(length)))
+        return -1;
     got = length > 0 ? recv(m_nSocket, buffer, length, MSG_WAITALL) : 0;
     if (got == 0 && length > 0) {
         disconnect();
         return 0;
     }
-    if (got < 0) return -1;
+    if (got < 0)
+        return -1;
     buffer[got] = '\0';
     return static_cast<int>(got);
 }
@@ -444,7 +500,8 @@ NUnixCmdListener::NUnixCmdListener() : m_nListenSocket(-1) {}
 
 NUnixCmdListener::~NUnixCmdListener() {
     CloseDescriptor(&m_nListenSocket);
-    if (m_szPath[0] != '\0') unlink(m_szPath);
+    if (m_szPath[0] != '\0')
+        unlink(m_szPath);
 }
 
 int NUnixCmdListener::connect(const char* path) {

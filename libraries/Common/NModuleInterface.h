@@ -185,7 +185,7 @@ public:
     void disconnect();
 
     int Send(const char* data, unsigned int length) override;
-    // -1 when the announced length is not below size (the data stay unread);
+    // -1 when the announced length is not below size (the message stays unread);
     // 0 at the end of the stream, which closes the connection.
     int Recv(char* buffer, unsigned int size) override;
     int Wait(unsigned int seconds, unsigned int microseconds) override;

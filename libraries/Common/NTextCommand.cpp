@@ -81,7 +81,8 @@ bool NTextCommand::SendReply() {
 }
 
 int NTextCommand::SendBuffer() {
-    return NCommandIPC::Send(m_szSendBuffer, static_cast<unsigned int>(std::strlen(m_szSendBuffer)));
+    return NCommandIPC::Send(m_szSendBuffer,
+                             static_cast<unsigned int>(std::strlen(m_szSendBuffer)));
 }
 
 void NTextCommand::SetCommand(RESULT result, const char* format, ...) {
@@ -101,9 +102,11 @@ int NTextCommand::SendCommand(RESULT result, const char* format, ...) {
 
 NTextCommand::RESULT NTextCommand::GetResult() {
     const char* word = GetKeyValue("reply");
-    if (word == nullptr) return ERROR;
+    if (word == nullptr)
+        return ERROR;
     for (int r = SUCCESS; r <= HEARTBEAT; ++r) {
-        if (std::strcmp(word, kResultWords[r]) == 0) return static_cast<RESULT>(r);
+        if (std::strcmp(word, kResultWords[r]) == 0)
+            return static_cast<RESULT>(r);
     }
     return ERROR;
 }

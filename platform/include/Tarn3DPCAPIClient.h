@@ -9,10 +9,10 @@
 
 // Connection data handed to the client by value (layout fixed by the library).
 struct DeviceInfo {
-    char HttpPort[8];    // decimal text, zero-terminated
-    char IP[32];         // dotted IPv4 text, zero-terminated
-    char UserName[64];   // zero-terminated
-    char Password[64];   // zero-terminated
+    char HttpPort[8];       // decimal text, zero-terminated
+    char IP[32];            // dotted IPv4 text, zero-terminated
+    char UserName[64];      // zero-terminated
+    char Password[64];      // zero-terminated
     unsigned int Interval;  // polling interval, seconds
     unsigned int Reserved;  // always 0
 };

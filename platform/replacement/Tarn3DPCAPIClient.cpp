@@ -26,14 +26,18 @@ int Fail(int err) {
 // Strict signed 32-bit decimal.
 bool ParseInt32(const std::string& text, int* value) {
     size_t i = (!text.empty() && text[0] == '-') ? 1 : 0;
-    if (i == text.size() || text.size() - i > 10) return false;
+    if (i == text.size() || text.size() - i > 10)
+        return false;
     long long v = 0;
     for (; i < text.size(); ++i) {
-        if (text[i] < '0' || text[i] > '9') return false;
+        if (text[i] < '0' || text[i] > '9')
+            return false;
         v = v * 10 + (text[i] - '0');
     }
-    if (text[0] == '-') v = -v;
-    if (v < INT_MIN || v > INT_MAX) return false;
+    if (text[0] == '-')
+        v = -v;
+    if (v < INT_MIN || v > INT_MAX)
+        return false;
     *value = static_cast<int>(v);
     return true;
 }
@@ -44,15 +48,19 @@ bool ParseTotals(const std::string& body, int* in, int* out) {
     std::string line;
     int seen_in = 0, seen_out = 0;
     while (std::getline(lines, line)) {
-        if (!line.empty() && line.back() == '\r') line.pop_back();
+        if (!line.empty() && line.back() == '\r')
+            line.pop_back();
         size_t eq = line.find('=');
-        if (eq == std::string::npos) continue;
+        if (eq == std::string::npos)
+            continue;
         std::string key = line.substr(0, eq);
         std::string value = line.substr(eq + 1);
         if (key == "in") {
-            if (++seen_in > 1 || !ParseInt32(value, in)) return false;
+            if (++seen_in > 1 || !ParseInt32(value, in))
+                return false;
         } else if (key == "out") {
-            if (++seen_out > 1 || !ParseInt32(value, out)) return false;
+            if (++seen_out > 1 || !ParseInt32(value, out))
+                return false;
         }
     }
     return seen_in == 1 && seen_out == 1;
@@ -74,28 +82,33 @@ struct Tarn_3DPC_API_Client::Impl {
 
 int Tarn_3DPC_API_Client::Impl::MakeTarget(HttpTarget* target) const {
     using pplreplacement::FieldText;
-    return pplreplacement::MakeTarget(
-        FieldText(info.IP, sizeof(info.IP)), FieldText(info.HttpPort, sizeof(info.HttpPort)),
-        FieldText(info.UserName, sizeof(info.UserName)),
-        FieldText(info.Password, sizeof(info.Password)), target);
+    return pplreplacement::MakeTarget(FieldText(info.IP, sizeof(info.IP)),
+                                      FieldText(info.HttpPort, sizeof(info.HttpPort)),
+                                      FieldText(info.UserName, sizeof(info.UserName)),
+                                      FieldText(info.Password, sizeof(info.Password)), target);
 }
 
 int Tarn_3DPC_API_Client::Impl::Request() {
     std::memset(&context, 0, sizeof(context));
-    if (type != E_PC_API_COUNTING && type != E_PC_API_SETTINGS) return Fail(EINVAL);
+    if (type != E_PC_API_COUNTING && type != E_PC_API_SETTINGS)
+        return Fail(EINVAL);
     HttpTarget target;
     int rc = MakeTarget(&target);
-    if (rc != 0) return rc;
+    if (rc != 0)
+        return rc;
     HttpAnswer answer;
     if (type == E_PC_API_COUNTING)
         rc = pplreplacement::HttpExchange(target, "GET", kTotalsPath, "", "", &answer);
     else
         rc = pplreplacement::HttpExchange(target, "POST", kResetPath, "", "", &answer);
-    if (rc != 0) return rc;
+    if (rc != 0)
+        return rc;
     rc = pplreplacement::RejectionCode(answer.status);
-    if (rc != 0) return rc;
+    if (rc != 0)
+        return rc;
     int in = 0, out = 0;
-    if (!ParseTotals(answer.body, &in, &out)) return Fail(EPROTO);
+    if (!ParseTotals(answer.body, &in, &out))
+        return Fail(EPROTO);
     context.Reserved[0] = 1;
     context.Reserved[1] = type;
     context.Reserved[2] = answer.status;
@@ -106,7 +119,9 @@ int Tarn_3DPC_API_Client::Impl::Request() {
 
 Tarn_3DPC_API_Client::Tarn_3DPC_API_Client() : impl(new Impl) {}
 
-Tarn_3DPC_API_Client::~Tarn_3DPC_API_Client() { delete impl; }
+Tarn_3DPC_API_Client::~Tarn_3DPC_API_Client() {
+    delete impl;
+}
 
 int Tarn_3DPC_API_Client::SetDeviceInfo(DeviceInfo info) {
     impl->info = info;
@@ -120,7 +135,9 @@ int Tarn_3DPC_API_Client::SetAPIType(E_PC_API_TYPE type) {
     return 0;
 }
 
-int Tarn_3DPC_API_Client::HandleRequest() { return impl->Request(); }
+int Tarn_3DPC_API_Client::HandleRequest() {
+    return impl->Request();
+}
 
 int Tarn_3DPC_API_Client::GetPPLContext(Tarn_PPLContext& context) {
     context = impl->context;

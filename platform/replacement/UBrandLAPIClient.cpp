@@ -28,7 +28,9 @@ struct UBrand_LAPI_Client::Impl {
 
 UBrand_LAPI_Client::UBrand_LAPI_Client() : impl(new Impl) {}
 
-UBrand_LAPI_Client::~UBrand_LAPI_Client() { delete impl; }
+UBrand_LAPI_Client::~UBrand_LAPI_Client() {
+    delete impl;
+}
 
 int UBrand_LAPI_Client::SetCamInfo(CamInfo info) {
     impl->info = info;
@@ -36,24 +38,28 @@ int UBrand_LAPI_Client::SetCamInfo(CamInfo info) {
 }
 
 int UBrand_LAPI_Client::SetVAType(E_UBRAND_VA_TYPE type) {
-    if (type != E_UBRAND_VA_NONE && type != E_UBRAND_VA_PPL) return Fail(EINVAL);
+    if (type != E_UBRAND_VA_NONE && type != E_UBRAND_VA_PPL)
+        return Fail(EINVAL);
     impl->type = type;
     return 0;
 }
 
 int UBrand_LAPI_Client::HandleCommand(std::string command) {
     using pplreplacement::FieldText;
-    if (impl->type != E_UBRAND_VA_PPL || command.empty()) return Fail(EINVAL);
+    if (impl->type != E_UBRAND_VA_PPL || command.empty())
+        return Fail(EINVAL);
     const CamInfo& info = impl->info;
     pplreplacement::HttpTarget target;
-    int rc = pplreplacement::MakeTarget(
-        FieldText(info.IP, sizeof(info.IP)), FieldText(info.HttpPort, sizeof(info.HttpPort)),
-        FieldText(info.UserName, sizeof(info.UserName)),
-        FieldText(info.Password, sizeof(info.Password)), &target);
-    if (rc != 0) return rc;
+    int rc = pplreplacement::MakeTarget(FieldText(info.IP, sizeof(info.IP)),
+                                        FieldText(info.HttpPort, sizeof(info.HttpPort)),
+                                        FieldText(info.UserName, sizeof(info.UserName)),
+                                        FieldText(info.Password, sizeof(info.Password)), &target);
+    if (rc != 0)
+        return rc;
     pplreplacement::HttpAnswer answer;
     rc = pplreplacement::HttpExchange(target, "POST", kPeopleCountingPath, kCommandType, command,
                                       &answer);
-    if (rc != 0) return rc;
+    if (rc != 0)
+        return rc;
     return pplreplacement::RejectionCode(answer.status);
 }

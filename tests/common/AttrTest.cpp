@@ -18,7 +18,9 @@ namespace {
 
 using Records = std::map<std::string, std::string>;
 
-SAttr FileStore() { return SAttr('=', "\r\n", "\n", nullptr); }
+SAttr FileStore() {
+    return SAttr('=', "\r\n", "\n", nullptr);
+}
 
 std::string Saved(SAttr& attrs, bool space_before = true, bool space_after = true) {
     std::string text;
@@ -67,8 +69,7 @@ TEST(AttrFormat, BufferParserKeepsSecondTerminatorAndStopsAtBufferEnd) {
     std::vector<char> buffer(text.begin(), text.end());
     buffer.push_back('X');
     attrs.LoadMemory(buffer.data(), static_cast<unsigned int>(text.size()));
-    EXPECT_EQ(attrs.GetRawData(),
-              (Records{{"A", "1"}, {"D", "4"}, {"\nB", "2"}}));
+    EXPECT_EQ(attrs.GetRawData(), (Records{{"A", "1"}, {"D", "4"}, {"\nB", "2"}}));
 
     SAttr commands('=', "&", "&", nullptr);
     char pairs[] = "cmd=ppl_clear & group=0&tail";

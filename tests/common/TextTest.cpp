@@ -17,7 +17,8 @@ Pairs AllRecords(char* text, const char* terminators) {
     Pairs found;
     char* key = nullptr;
     char* value = nullptr;
-    while (cursor.GetNextParam(key, value, '=', terminators)) found.emplace_back(key, value);
+    while (cursor.GetNextParam(key, value, '=', terminators))
+        found.emplace_back(key, value);
     EXPECT_FALSE(cursor.GetNextParam(key, value, '=', terminators));
     return found;
 }
@@ -122,8 +123,7 @@ TEST(TextUtil, SplitTokenizeImplode) {
     ASSERT_EQ(parts.size(), 3u);
     EXPECT_STREQ(parts.back(), "c");
 
-    EXPECT_EQ(UTextUtil::tokenize(" a , b,,c ", ","),
-              (std::list<std::string>{"a", "b", "", "c"}));
+    EXPECT_EQ(UTextUtil::tokenize(" a , b,,c ", ","), (std::list<std::string>{"a", "b", "", "c"}));
     EXPECT_TRUE(UTextUtil::tokenize("", ",").empty());
 
     EXPECT_EQ(UTextUtil::implode({}, ", "), "");

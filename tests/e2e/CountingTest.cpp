@@ -34,8 +34,10 @@ protected:
     }
     void TearDown() override {
         h_.reset();
-        if (in_cam_) in_cam_->Stop();
-        if (out_cam_) out_cam_->Stop();
+        if (in_cam_)
+            in_cam_->Stop();
+        if (out_cam_)
+            out_cam_->Stop();
     }
     // Starts the service and waits for both subscriptions and the start-up events.
     void StartCounting() {
@@ -144,8 +146,9 @@ TEST_F(LapiService, ConfigChangeReloadsRepeatsEventsPushesAndReconnectsOnlyTheMo
     // A reload of an unchanged file pushes nothing and reconnects nothing.
     EXPECT_EQ(h_->Command("action=ppl_config_change"), "reply=success");
     EXPECT_TRUE(h_->WaitEvent("event=ppl_enable&enable=1"));
-    EXPECT_TRUE(WaitFor(1000, [&] { return h_->Stdout().find("PPL settings are the same.") !=
-                                           std::string::npos; }));
+    EXPECT_TRUE(WaitFor(1000, [&] {
+        return h_->Stdout().find("PPL settings are the same.") != std::string::npos;
+    }));
     EXPECT_EQ(in_ctl_->SettingsReceived().size(), 1u);
     EXPECT_EQ(in_cam_->AcceptedConnections(), in_connections + 1);
     EXPECT_EQ(h_->StopService(SIGTERM), 0);
@@ -209,8 +212,7 @@ TEST(ThreeDpcService, StartupAndCounting) {
     cam.SetTotals(4, 1);
     EXPECT_TRUE(h.WaitEvent("event=ppl_count&in0=4&out0=1&stayin0=3", 5000)) << h.Stderr();
     EXPECT_TRUE(h.WaitStatus("PPL.StayIn0.Count", "3"));
-    EXPECT_EQ(h.Command("action=ppl_get_service_status"),
-              "reply=success&in0=connect&out0=connect");
+    EXPECT_EQ(h.Command("action=ppl_get_service_status"), "reply=success&in0=connect&out0=connect");
     EXPECT_EQ(h.StopService(SIGTERM), 0);
     cam.Stop();
 }

@@ -30,7 +30,10 @@ TEST_P(Lifecycle, EndsWithStatusZeroWithinAPass) {
     EXPECT_EQ(access("/tmp/SI_PPLCOUNTER", F_OK), -1);
 }
 
-INSTANTIATE_TEST_SUITE_P(Signals, Lifecycle, ::testing::Values(SIGTERM, SIGINT));
+INSTANTIATE_TEST_SUITE_P(Signals, Lifecycle, ::testing::Values(SIGTERM, SIGINT),
+                         [](const ::testing::TestParamInfo<int>& info) {
+                             return info.param == SIGTERM ? "SIGTERM" : "SIGINT";
+                         });
 
 TEST(LifecycleStartup, MissingConfigurationIsCreatedEmptyAndServiceStaysOff) {
     PPL_ENTER_SANDBOX_OR_SKIP();

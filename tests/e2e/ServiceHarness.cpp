@@ -17,12 +17,14 @@ ServiceHarness::ServiceHarness()
       client_(new NCommandIPC("/tmp/e2e-module", "/tmp/SI_PPLCOUNTER")) {}
 
 ServiceHarness::~ServiceHarness() {
-    if (service_.Running()) StopService(SIGKILL, 2000);
+    if (service_.Running())
+        StopService(SIGKILL, 2000);
 }
 
 void ServiceHarness::WriteConfig(const std::map<std::string, std::string>& keys) {
     std::string text;
-    for (const auto& kv : keys) text += kv.first + "=" + kv.second + "\r\n";
+    for (const auto& kv : keys)
+        text += kv.first + "=" + kv.second + "\r\n";
     WriteWholeFile(kSystemIni, text);
 }
 
@@ -32,28 +34,34 @@ bool ServiceHarness::StartService() {
 
 int ServiceHarness::StopService(int sig, int timeout_ms) {
     service_.Signal(sig);
-    if (!service_.Wait(timeout_ms)) return -1;
+    if (!service_.Wait(timeout_ms))
+        return -1;
     return service_.ExitStatus();
 }
 
 std::string ServiceHarness::Command(const std::string& text, int timeout_ms) {
     client_->Send(text.c_str(), static_cast<unsigned int>(text.size()), "/tmp/SI_PPLCOUNTER");
-    if (client_->Wait(timeout_ms / 1000, (timeout_ms % 1000) * 1000) <= 0) return "";
+    if (client_->Wait(timeout_ms / 1000, (timeout_ms % 1000) * 1000) <= 0)
+        return "";
     char buffer[1024] = {0};
-    if (client_->Recv(buffer, sizeof(buffer)) <= 0) return "";
+    if (client_->Recv(buffer, sizeof(buffer)) <= 0)
+        return "";
     return buffer;
 }
 
 std::string ServiceHarness::NextEvent(int timeout_ms) {
     std::string got;
     WaitFor(timeout_ms, [&] {
-        if (module_queue_->Wait(0, 0) <= 0) return false;
+        if (module_queue_->Wait(0, 0) <= 0)
+            return false;
         char buffer[4096] = {0};
-        if (module_queue_->Recv(buffer, sizeof(buffer)) <= 0) return false;
+        if (module_queue_->Recv(buffer, sizeof(buffer)) <= 0)
+            return false;
         got = buffer;
         return true;
     });
-    if (!got.empty()) seen_.push_back(got);
+    if (!got.empty())
+        seen_.push_back(got);
     return got;
 }
 
@@ -65,7 +73,8 @@ int ServiceHarness::CountEvent(const std::string& text) {
     while (!NextEvent(300).empty()) {
     }
     int n = 0;
-    for (const std::string& e : seen_) n += (e == text);
+    for (const std::string& e : seen_)
+        n += (e == text);
     return n;
 }
 
@@ -81,8 +90,7 @@ std::map<std::string, std::string> ServiceHarness::Status() {
     return status.GetRawData();
 }
 
-bool ServiceHarness::WaitStatus(const std::string& key, const std::string& value,
-                                int timeout_ms) {
+bool ServiceHarness::WaitStatus(const std::string& key, const std::string& value, int timeout_ms) {
     return WaitFor(timeout_ms, [&] {
         auto s = Status();
         auto it = s.find(key);

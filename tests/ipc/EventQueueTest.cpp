@@ -24,7 +24,8 @@ TEST(EventQueue, OpenerInAnotherProcessReachesTheOwner) {
         NEventMQ owner(kKey, true);
         pid_t peer = Spawn([] {
             NEventMQ opener(kKey, false);
-            return opener.Send("a=1", 3) == 3 && opener.Send(std::string(256, 'x').c_str(), 256) == 256
+            return opener.Send("a=1", 3) == 3 &&
+                           opener.Send(std::string(256, 'x').c_str(), 256) == 256
                        ? 0
                        : 1;
         });
@@ -63,7 +64,7 @@ TEST(EventQueue, OpenerFollowsItsOwnerThroughEndAndRecreation) {
         ready.Pass();
         char buf[256];
         return go.Take() && owner.Recv(buf, sizeof(buf)) == 5 && std::strcmp(buf, "first") == 0 ? 0
-                                                                                              : 1;
+                                                                                                : 1;
     });
     ASSERT_TRUE(ready.Take());
     NEventMQ opener(kKey, false);
@@ -79,7 +80,7 @@ TEST(EventQueue, OpenerFollowsItsOwnerThroughEndAndRecreation) {
         char buf[256];
         bool arrived = ppltest::WaitFor(5000, [&] { return owner.Wait(0, 0) > 0; });
         return arrived && owner.Recv(buf, sizeof(buf)) == 5 && std::strcmp(buf, "again") == 0 ? 0
-                                                                                               : 1;
+                                                                                              : 1;
     });
     ASSERT_TRUE(ready.Take());
     EXPECT_EQ(opener.Send("again", 5), 5);
@@ -87,8 +88,8 @@ TEST(EventQueue, OpenerFollowsItsOwnerThroughEndAndRecreation) {
 }
 
 std::string ThreadText(int thread, int seq) {
-    return "thread=" + std::to_string(thread) + "&seq=" + std::to_string(seq) + "&fill=" +
-           std::string((seq * 7) % 40, static_cast<char>('a' + thread));
+    return "thread=" + std::to_string(thread) + "&seq=" + std::to_string(seq) +
+           "&fill=" + std::string((seq * 7) % 40, static_cast<char>('a' + thread));
 }
 
 TEST(EventQueue, ConcurrentSendersOnOneEndpointDeliverWholeTexts) {
@@ -107,11 +108,13 @@ TEST(EventQueue, ConcurrentSendersOnOneEndpointDeliverWholeTexts) {
             }
         });
     }
-    for (std::thread& s : senders) s.join();
+    for (std::thread& s : senders)
+        s.join();
     std::set<std::string> expected, received;
     for (int t = 0; t < kThreads; ++t) {
         EXPECT_EQ(failures[t], 0);
-        for (int seq = 0; seq < kPerThread; ++seq) expected.insert(ThreadText(t, seq));
+        for (int seq = 0; seq < kPerThread; ++seq)
+            expected.insert(ThreadText(t, seq));
     }
     char buf[256];
     while (owner.Wait(0, 0) > 0) {
@@ -171,7 +174,8 @@ TEST(EventQueueList, SendsToEveryQueueAndHoldsAtMostSixteen) {
     EXPECT_LT(list.Send("y", 1), 0);
     EXPECT_EQ(second.Wait(0, 0), 2) << "a failing queue does not stop the others";
 
-    for (int i = 3; i < 16; ++i) EXPECT_EQ(list.RegisterQueue(700), i);
+    for (int i = 3; i < 16; ++i)
+        EXPECT_EQ(list.RegisterQueue(700), i);
     EXPECT_EQ(list.RegisterQueue(700), 0);
     EXPECT_EQ(list.GetCount(), 16);
 }

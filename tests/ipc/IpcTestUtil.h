@@ -15,22 +15,25 @@
 
 namespace ipctest {
 
-#define ENTER_IPC_NAMESPACE_OR_SKIP()                                    \
-    do {                                                                 \
-        std::string why_;                                                \
-        if (!::ppltest::EnterIpcNamespace(&why_)) GTEST_SKIP() << why_; \
+#define ENTER_IPC_NAMESPACE_OR_SKIP()             \
+    do {                                          \
+        std::string why_;                         \
+        if (!::ppltest::EnterIpcNamespace(&why_)) \
+            GTEST_SKIP() << why_;                 \
     } while (0)
 
 // Runs body in a forked child; the child's exit code is body's result.
 inline pid_t Spawn(const std::function<int()>& body) {
     pid_t pid = fork();
-    if (pid == 0) _exit(body());
+    if (pid == 0)
+        _exit(body());
     return pid;
 }
 
 inline int Reap(pid_t pid) {
     int status = 0;
-    if (waitpid(pid, &status, 0) != pid) return -1;
+    if (waitpid(pid, &status, 0) != pid)
+        return -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
@@ -38,7 +41,8 @@ inline int Reap(pid_t pid) {
 class Baton {
 public:
     Baton() {
-        if (pipe(fds_) != 0) fds_[0] = fds_[1] = -1;
+        if (pipe(fds_) != 0)
+            fds_[0] = fds_[1] = -1;
     }
     ~Baton() {
         close(fds_[0]);
@@ -60,11 +64,13 @@ class TempDir {
 public:
     TempDir() {
         char templ[] = "/tmp/ppl-ipc-XXXXXX";
-        if (mkdtemp(templ) != nullptr) path_ = templ;
+        if (mkdtemp(templ) != nullptr)
+            path_ = templ;
     }
     ~TempDir() {
         std::error_code ignored;
-        if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
+        if (!path_.empty())
+            std::filesystem::remove_all(path_, ignored);
     }
     std::string Path(const std::string& name) const { return path_ + "/" + name; }
 

@@ -13,14 +13,16 @@ protected:
         ASSERT_EQ(client_.Send(text.c_str(), text.size(), server_path_.c_str()),
                   static_cast<int>(text.size()) + 1);
         ASSERT_GT(server_.Wait(2, 0), 0);
-        ASSERT_EQ(server_.RecvBuffer(), static_cast<int>(text.size()));
+        ASSERT_EQ(server_.RecvBuffer(), static_cast<int>(text.size()) + 1);
     }
-    // What the client received as the answer, without its zero.
+    // What the client received as the answer; its last byte must be the zero.
     std::string Answer() {
-        if (client_.Wait(2, 0) <= 0) return "<nothing>";
+        if (client_.Wait(2, 0) <= 0)
+            return "<nothing>";
         int got = client_.RecvBuffer();
-        EXPECT_EQ(client_.GetCommand()[got], '\0');
-        return got > 0 ? std::string(client_.GetCommand(), got) : "<error>";
+        if (got <= 0 || client_.GetCommand()[got - 1] != '\0')
+            return "<malformed>";
+        return std::string(client_.GetCommand(), got - 1);
     }
 
     ipctest::TempDir dir_;

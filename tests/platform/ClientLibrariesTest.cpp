@@ -9,8 +9,8 @@
 #include <string>
 
 #include "CameraSim.h"
-#include "TarnEndpoints.h"
 #include "Tarn3DPCAPIClient.h"
+#include "TarnEndpoints.h"
 #include "UBrandLAPIClient.h"
 
 namespace {
@@ -26,7 +26,8 @@ public:
         addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         socklen_t len = sizeof(addr);
         bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
-        if (listening) listen(fd_, 4);
+        if (listening)
+            listen(fd_, 4);
         getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &len);
         port_ = ntohs(addr.sin_port);
     }
@@ -84,8 +85,8 @@ TEST_F(ClientLibraries, LapiCommandArrivesExactly) {
     camsim::TarnEndpoints ep(cam, "admin", "s3cret");
     EXPECT_EQ(SendCommand(MakeInfo<CamInfo>(cam.Port()), kSettings), 0);
     EXPECT_EQ(SendCommand(MakeInfo<CamInfo>(cam.Port()), "action=ppl_setdata&Enable=1"), 0);
-    ASSERT_EQ(ep.SettingsReceived(), (std::vector<std::string>{kSettings,
-                                                               "action=ppl_setdata&Enable=1"}));
+    ASSERT_EQ(ep.SettingsReceived(),
+              (std::vector<std::string>{kSettings, "action=ppl_setdata&Enable=1"}));
     camsim::Request req = cam.Requests().front();
     EXPECT_EQ(req.method, "POST");
     EXPECT_EQ(req.target, "/va/v1/ppl/command");
@@ -156,8 +157,7 @@ TEST_F(ClientLibraries, CountingFailuresLeaveAnEmptyContext) {
     EXPECT_EQ(ctx.Reserved[0], 0);
     EXPECT_EQ(ctx.TotalIn, 0);
 
-    EXPECT_EQ(Request3DPC(MakeInfo<DeviceInfo>(cam.Port(), "admin", "x"), E_PC_API_COUNTING,
-                          &ctx),
+    EXPECT_EQ(Request3DPC(MakeInfo<DeviceInfo>(cam.Port(), "admin", "x"), E_PC_API_COUNTING, &ctx),
               -401);
     EXPECT_EQ(ctx.TotalOut, 0);
     ep.SetCountingStatus(503);
@@ -175,13 +175,12 @@ TEST_F(ClientLibraries, CountingRefusesUntrustworthyAnswers) {
         ex.CloseAfter();
     });
     const std::string ok = "HTTP/1.1 200 OK\r\nContent-Length: ";
-    for (const std::string& body : {std::string("in=1\n"), std::string("in=x\nout=2\n"),
-                                    std::string("in=1\nout=2\nin=3\n"),
-                                    std::string("in=2147483648\nout=0\n"), std::string("")}) {
+    for (const std::string& body :
+         {std::string("in=1\n"), std::string("in=x\nout=2\n"), std::string("in=1\nout=2\nin=3\n"),
+          std::string("in=2147483648\nout=0\n"), std::string("")}) {
         answer = ok + std::to_string(body.size()) + "\r\n\r\n" + body;
         Tarn_PPLContext ctx;
-        EXPECT_EQ(Request3DPC(MakeInfo<DeviceInfo>(cam.Port()), E_PC_API_COUNTING, &ctx),
-                  -EPROTO)
+        EXPECT_EQ(Request3DPC(MakeInfo<DeviceInfo>(cam.Port()), E_PC_API_COUNTING, &ctx), -EPROTO)
             << body;
     }
     answer = ok + "40\r\n\r\nin=1\n";  // the camera hangs up mid-body

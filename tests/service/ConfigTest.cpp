@@ -35,7 +35,8 @@ TEST_F(ServiceTest, DisabledServiceStopsEveryCounterAndReadsNothingElse) {
     std::string out = ReadIniOutput(*svc_);
     EXPECT_THAT(out, Not(HasSubstr("PPL In Cam")));
     EXPECT_EQ(svc_->use_3dpc, 0u) << "the camera kind is not read when disabled";
-    for (auto* c : svc_->lapi_counters) EXPECT_FALSE(c->is_running());
+    for (auto* c : svc_->lapi_counters)
+        EXPECT_FALSE(c->is_running());
     EXPECT_FALSE(svc_->counter_3dpc->is_running());
 }
 
@@ -74,7 +75,8 @@ TEST_F(ServiceTest, SharedInAndOutCameraEndsDualAndIsAddedOnce) {
     EXPECT_EQ(svc_->groups[0]->num(), 1);
     EXPECT_EQ(svc_->lapi_cam_mask, 0x4u);
     EXPECT_TRUE(svc_->lapi_counters[2]->is_running());
-    for (int n : {0, 1, 3}) EXPECT_FALSE(svc_->lapi_counters[n]->is_running()) << n;
+    for (int n : {0, 1, 3})
+        EXPECT_FALSE(svc_->lapi_counters[n]->is_running()) << n;
 }
 
 TEST_F(ServiceTest, CameraIndexOutsideTheFourCountersIsIgnored) {
@@ -97,7 +99,8 @@ TEST_F(ServiceTest, LapiWithNoGroupsStopsEveryCounter) {
     WriteConfig(cfg);
     std::string out = ReadIniOutput(*svc_);
     EXPECT_THAT(out, Not(HasSubstr("PPL In Cam")));
-    for (auto* c : svc_->lapi_counters) EXPECT_FALSE(c->is_running());
+    for (auto* c : svc_->lapi_counters)
+        EXPECT_FALSE(c->is_running());
 }
 
 TEST_F(ServiceTest, ThreeDpcReadsGroupZeroEvenWithoutGroupsAndRunsOnlyForCameraZero) {

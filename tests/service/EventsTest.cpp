@@ -11,12 +11,14 @@ class CountCallback : public ServiceTest {
 protected:
     void SetUp() override {
         ServiceTest::SetUp();
-        if (IsSkipped()) return;
+        if (IsSkipped())
+            return;
         svc_->groups[0]->add_ppl_counter(&fake_);
         svc_->stayin_limits[0] = std::make_pair(10, 2);
     }
     void TearDown() override {
-        if (svc_) svc_->groups[0]->clear();
+        if (svc_)
+            svc_->groups[0]->clear();
         ServiceTest::TearDown();
     }
     std::vector<std::string> Report(int stayin) {
@@ -66,6 +68,7 @@ TEST_F(ServiceTest, EventBuildersKeepStayin0WhateverTheGroup) {
 }
 
 struct CommandCase {
+    const char* name;
     const char* text;
     bool result;
     const char* reply;
@@ -88,14 +91,16 @@ TEST_P(Commands, ResultAndReplyText) {
 INSTANTIATE_TEST_SUITE_P(
     Vocabulary, Commands,
     ::testing::Values(
-        CommandCase{"action=ppl_config_change", true, ""},
-        CommandCase{"action=ppl_reset_service", false, ""},
-        CommandCase{"action=ppl_reset_service&group=1", false, ""},
-        CommandCase{"action=ppl_reset_service&group=0", true, "&wait_5_seconds"},
-        CommandCase{"action=ppl_clear_counts&group=0", false, ""},
-        CommandCase{"action=ppl_get_service_status", true, "&in0=disconnect&out0=disconnect"},
-        CommandCase{"action=PPL_CONFIG_CHANGE", false, ""},
-        CommandCase{"group=0", false, ""}));
+        CommandCase{"ConfigChange", "action=ppl_config_change", true, ""},
+        CommandCase{"ResetWithoutGroup", "action=ppl_reset_service", false, ""},
+        CommandCase{"ResetGroupOne", "action=ppl_reset_service&group=1", false, ""},
+        CommandCase{"ResetGroupZero", "action=ppl_reset_service&group=0", true, "&wait_5_seconds"},
+        CommandCase{"ClearWithoutCameraKeys", "action=ppl_clear_counts&group=0", false, ""},
+        CommandCase{"StatusNothingConnected", "action=ppl_get_service_status", true,
+                    "&in0=disconnect&out0=disconnect"},
+        CommandCase{"ActionIsCaseSensitive", "action=PPL_CONFIG_CHANGE", false, ""},
+        CommandCase{"NoAction", "group=0", false, ""}),
+    [](const ::testing::TestParamInfo<CommandCase>& info) { return info.param.name; });
 
 TEST_F(ServiceTest, ResetSetsTheRestartBitAndConfigChangeTheReloadFlag) {
     WriteConfig(BaseLapiConfig());

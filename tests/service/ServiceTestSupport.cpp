@@ -8,7 +8,8 @@ namespace ppltest {
 
 void ServiceTest::SetUp() {
     std::string why;
-    if (!EnterIpcNamespace(&why)) GTEST_SKIP() << why;
+    if (!EnterIpcNamespace(&why))
+        GTEST_SKIP() << why;
     char templ[] = "/tmp/pplsvc-XXXXXX";
     ASSERT_NE(mkdtemp(templ), nullptr);
     dir_ = templ;
@@ -22,20 +23,24 @@ void ServiceTest::SetUp() {
 }
 
 void ServiceTest::TearDown() {
-    if (svc_) svc_->Deinit();
+    if (svc_)
+        svc_->Deinit();
     // Deinit stops only the counters of the configured kind.
     if (svc_) {
         svc_->counter_3dpc->stop();
-        for (auto* c : svc_->lapi_counters) c->stop();
+        for (auto* c : svc_->lapi_counters)
+            c->stop();
     }
     svc_.reset();
     module_queue_.reset();
-    if (!dir_.empty()) system(("rm -rf '" + dir_ + "'").c_str());
+    if (!dir_.empty())
+        system(("rm -rf '" + dir_ + "'").c_str());
 }
 
 void ServiceTest::WriteConfig(const std::map<std::string, std::string>& keys) {
     std::string text;
-    for (const auto& kv : keys) text += kv.first + "=" + kv.second + "\n";
+    for (const auto& kv : keys)
+        text += kv.first + "=" + kv.second + "\n";
     WriteWholeFile(where_.system_ini, text);
 }
 

@@ -1,6 +1,7 @@
 #ifndef PPL_TEST_SERVICE_SUPPORT_H
 #define PPL_TEST_SERVICE_SUPPORT_H
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <map>
@@ -18,7 +19,6 @@ namespace ppltest {
 // Opens the service's members to the tests.
 class TestableService : public PPLCounter {
 public:
-    using PPLCounter::PPLCounter;
     using PPLCounter::counter_3dpc;
     using PPLCounter::enable;
     using PPLCounter::group_num;
@@ -26,6 +26,7 @@ public:
     using PPLCounter::initialized;
     using PPLCounter::lapi_cam_mask;
     using PPLCounter::lapi_counters;
+    using PPLCounter::PPLCounter;
     using PPLCounter::reload_config;
     using PPLCounter::restart_group_mask;
     using PPLCounter::stayin_limits;

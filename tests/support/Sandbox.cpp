@@ -23,11 +23,14 @@ namespace {
 
 int g_build_dir_fd = -1;
 
-std::string ErrnoText(const char* what) { return std::string(what) + ": " + strerror(errno); }
+std::string ErrnoText(const char* what) {
+    return std::string(what) + ": " + strerror(errno);
+}
 
 bool WriteProcFile(const char* path, const std::string& text) {
     int fd = open(path, O_WRONLY);
-    if (fd < 0) return false;
+    if (fd < 0)
+        return false;
     bool ok = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
     close(fd);
     return ok;
@@ -35,7 +38,8 @@ bool WriteProcFile(const char* path, const std::string& text) {
 
 // Without root, a user namespace maps us to root so that mounts are allowed.
 bool EnterUserNamespaceIfNeeded(std::string* why) {
-    if (geteuid() == 0) return true;
+    if (geteuid() == 0)
+        return true;
     uid_t uid = geteuid();
     gid_t gid = getegid();
     if (unshare(CLONE_NEWUSER) != 0) {
@@ -65,7 +69,8 @@ bool BringLoopbackUp(std::string* why) {
         ifr.ifr_flags |= IFF_UP | IFF_RUNNING;
         ok = ioctl(s, SIOCSIFFLAGS, &ifr) == 0;
     }
-    if (!ok) *why = ErrnoText("bring lo up");
+    if (!ok)
+        *why = ErrnoText("bring lo up");
     close(s);
     return ok;
 }
@@ -75,9 +80,11 @@ bool MakeDirs(const std::string& path) {
     std::stringstream ss(path);
     std::string part;
     while (std::getline(ss, part, '/')) {
-        if (part.empty()) continue;
+        if (part.empty())
+            continue;
         sofar += "/" + part;
-        if (mkdir(sofar.c_str(), 0755) != 0 && errno != EEXIST) return false;
+        if (mkdir(sofar.c_str(), 0755) != 0 && errno != EEXIST)
+            return false;
     }
     return true;
 }
@@ -115,7 +122,8 @@ bool BindOnto(const std::string& from, const char* onto, std::string* why) {
 }  // namespace
 
 bool EnterIpcNamespace(std::string* why) {
-    if (!EnterUserNamespaceIfNeeded(why)) return false;
+    if (!EnterUserNamespaceIfNeeded(why))
+        return false;
     if (unshare(CLONE_NEWIPC) != 0) {
         *why = ErrnoText("unshare(CLONE_NEWIPC)");
         return false;
@@ -124,10 +132,13 @@ bool EnterIpcNamespace(std::string* why) {
 }
 
 bool EnterSandbox(std::string* why) {
-    if (g_build_dir_fd < 0) g_build_dir_fd = open(PPL_BINARY_DIR, O_PATH | O_DIRECTORY);
+    if (g_build_dir_fd < 0)
+        g_build_dir_fd = open(PPL_BINARY_DIR, O_PATH | O_DIRECTORY);
     std::string tmp_dir, opt_dir;
-    if (!MakeSandboxDirs(&tmp_dir, &opt_dir, why)) return false;
-    if (!EnterUserNamespaceIfNeeded(why)) return false;
+    if (!MakeSandboxDirs(&tmp_dir, &opt_dir, why))
+        return false;
+    if (!EnterUserNamespaceIfNeeded(why))
+        return false;
     if (unshare(CLONE_NEWIPC | CLONE_NEWNS | CLONE_NEWNET) != 0) {
         *why = ErrnoText("unshare(ipc, mount, net)");
         return false;
@@ -136,7 +147,8 @@ bool EnterSandbox(std::string* why) {
         *why = ErrnoText("make mounts private");
         return false;
     }
-    if (!BindOnto(opt_dir, "/opt", why) || !BindOnto(tmp_dir, "/tmp", why)) return false;
+    if (!BindOnto(opt_dir, "/opt", why) || !BindOnto(tmp_dir, "/tmp", why))
+        return false;
     if (!MakeDirs("/opt/user/ZV318/INIT")) {
         *why = ErrnoText("mkdir /opt/user/ZV318/INIT");
         return false;
@@ -145,8 +157,10 @@ bool EnterSandbox(std::string* why) {
 }
 
 std::string BuiltFile(const std::string& relative) {
-    if (g_build_dir_fd < 0) g_build_dir_fd = open(PPL_BINARY_DIR, O_PATH | O_DIRECTORY);
-    if (g_build_dir_fd < 0) return std::string(PPL_BINARY_DIR) + "/" + relative;
+    if (g_build_dir_fd < 0)
+        g_build_dir_fd = open(PPL_BINARY_DIR, O_PATH | O_DIRECTORY);
+    if (g_build_dir_fd < 0)
+        return std::string(PPL_BINARY_DIR) + "/" + relative;
     return "/proc/self/fd/" + std::to_string(g_build_dir_fd) + "/" + relative;
 }
 
@@ -163,17 +177,21 @@ bool Child::Start(const std::vector<std::string>& argv, const std::string& dir) 
     out_path_ = dir + "/child-" + tag + ".out";
     err_path_ = dir + "/child-" + tag + ".err";
     pid_ = fork();
-    if (pid_ < 0) return false;
+    if (pid_ < 0)
+        return false;
     if (pid_ == 0) {
         int out = open(out_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         int err = open(err_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        if (out < 0 || err < 0) _exit(126);
+        if (out < 0 || err < 0)
+            _exit(126);
         dup2(out, 1);
         dup2(err, 2);
         int devnull = open("/dev/null", O_RDONLY);
-        if (devnull >= 0) dup2(devnull, 0);
+        if (devnull >= 0)
+            dup2(devnull, 0);
         std::vector<char*> args;
-        for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+        for (const std::string& a : argv)
+            args.push_back(const_cast<char*>(a.c_str()));
         args.push_back(nullptr);
         // The child starts with no signal blocked, whatever the test did.
         sigset_t none;
@@ -187,7 +205,8 @@ bool Child::Start(const std::vector<std::string>& argv, const std::string& dir) 
 }
 
 bool Child::Running() {
-    if (pid_ <= 0 || reaped_) return false;
+    if (pid_ <= 0 || reaped_)
+        return false;
     int st = 0;
     pid_t r = waitpid(pid_, &st, WNOHANG);
     if (r == pid_) {
@@ -198,14 +217,20 @@ bool Child::Running() {
     return true;
 }
 
-bool Child::Signal(int sig) { return pid_ > 0 && !reaped_ && kill(pid_, sig) == 0; }
+bool Child::Signal(int sig) {
+    return pid_ > 0 && !reaped_ && kill(pid_, sig) == 0;
+}
 
 bool Child::Wait(int timeout_ms) {
     return WaitFor(timeout_ms, [this] { return !Running(); });
 }
 
-std::string Child::Stdout() const { return ReadWholeFile(out_path_); }
-std::string Child::Stderr() const { return ReadWholeFile(err_path_); }
+std::string Child::Stdout() const {
+    return ReadWholeFile(out_path_);
+}
+std::string Child::Stderr() const {
+    return ReadWholeFile(err_path_);
+}
 
 std::string ReadWholeFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
@@ -223,8 +248,10 @@ bool WriteWholeFile(const std::string& path, const std::string& text) {
 bool WaitFor(int timeout_ms, const std::function<bool()>& pred) {
     auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
     while (true) {
-        if (pred()) return true;
-        if (std::chrono::steady_clock::now() >= end) return false;
+        if (pred())
+            return true;
+        if (std::chrono::steady_clock::now() >= end)
+            return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
 }

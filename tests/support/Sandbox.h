@@ -25,10 +25,11 @@ bool EnterIpcNamespace(std::string* why);
 std::string BuiltFile(const std::string& relative);
 
 // Skips the current test when the sandbox cannot be entered.
-#define PPL_ENTER_SANDBOX_OR_SKIP()                                  \
-    do {                                                             \
-        std::string why_;                                            \
-        if (!::ppltest::EnterSandbox(&why_)) GTEST_SKIP() << why_;   \
+#define PPL_ENTER_SANDBOX_OR_SKIP()          \
+    do {                                     \
+        std::string why_;                    \
+        if (!::ppltest::EnterSandbox(&why_)) \
+            GTEST_SKIP() << why_;            \
     } while (0)
 
 // A child process with standard output and error captured in files.

@@ -42,7 +42,8 @@ public:
         std::string text;
         char buf[4096];
         ssize_t n;
-        for (off_t at = 0; (n = pread(fd_, buf, sizeof(buf), at)) > 0; at += n) text.append(buf, n);
+        for (off_t at = 0; (n = pread(fd_, buf, sizeof(buf), at)) > 0; at += n)
+            text.append(buf, n);
         return text;
     }
     int Count(const std::string& what) {
@@ -201,9 +202,8 @@ TEST_F(Tarn3DPC, FailingCameraDisconnectsAndKeepsTotals) {
 
     ep.SetCountingStatus(0);
     ep.SetAccount("admin", "changed");
-    ASSERT_TRUE(WaitFor(3000, [&] {
-        return log.Count("ret = -401, err = 13, Permission denied\n") >= 1;
-    }));
+    ASSERT_TRUE(
+        WaitFor(3000, [&] { return log.Count("ret = -401, err = 13, Permission denied\n") >= 1; }));
     EXPECT_FALSE(counter.is_connect());
     EXPECT_EQ(cb.Count(), 1u);
 
@@ -262,7 +262,8 @@ TEST_F(Tarn3DPC, TwoCountersNeverOverlapTheirRequests) {
     other.SetAPIType(E_PC_API_COUNTING);
     counter.start();
     other.start();
-    bool both = WaitFor(5000, [&] { return ep.TotalsRequests() >= 5 && ep2.TotalsRequests() >= 5; });
+    bool both =
+        WaitFor(5000, [&] { return ep.TotalsRequests() >= 5 && ep2.TotalsRequests() >= 5; });
     other.stop();
     counter.stop();
     cam2.Stop();

@@ -13,11 +13,16 @@ constexpr const char* kResetPath = "/3dpc/v1/totals/reset";
 constexpr const char* kSettingsPath = "/va/v1/ppl/command";
 
 int Base64Value(char c) {
-    if (c >= 'A' && c <= 'Z') return c - 'A';
-    if (c >= 'a' && c <= 'z') return c - 'a' + 26;
-    if (c >= '0' && c <= '9') return c - '0' + 52;
-    if (c == '+') return 62;
-    if (c == '/') return 63;
+    if (c >= 'A' && c <= 'Z')
+        return c - 'A';
+    if (c >= 'a' && c <= 'z')
+        return c - 'a' + 26;
+    if (c >= '0' && c <= '9')
+        return c - '0' + 52;
+    if (c == '+')
+        return 62;
+    if (c == '/')
+        return 63;
     return -1;
 }
 
@@ -28,21 +33,26 @@ std::string TotalsBody(const Totals& t) {
 }  // namespace
 
 bool DecodeBase64(const std::string& text, std::string* out) {
-    if (text.size() % 4 != 0) return false;
+    if (text.size() % 4 != 0)
+        return false;
     out->clear();
     for (size_t i = 0; i < text.size(); i += 4) {
         bool last = i + 4 == text.size();
         int pad = last ? (text[i + 3] == '=') + (text[i + 2] == '=') : 0;
-        if (pad == 1 && text[i + 2] == '=') return false;
+        if (pad == 1 && text[i + 2] == '=')
+            return false;
         unsigned v = 0;
         for (int k = 0; k < 4; ++k) {
             int d = k >= 4 - pad ? 0 : Base64Value(text[i + k]);
-            if (d < 0) return false;
+            if (d < 0)
+                return false;
             v = v << 6 | static_cast<unsigned>(d);
         }
         out->push_back(static_cast<char>(v >> 16));
-        if (pad < 2) out->push_back(static_cast<char>((v >> 8) & 0xff));
-        if (pad < 1) out->push_back(static_cast<char>(v & 0xff));
+        if (pad < 2)
+            out->push_back(static_cast<char>((v >> 8) & 0xff));
+        if (pad < 1)
+            out->push_back(static_cast<char>(v & 0xff));
     }
     return true;
 }
@@ -87,7 +97,8 @@ bool TarnEndpoints::State::Authorized(const Request& req) {
     bool ok = auth.compare(0, scheme.size(), scheme) == 0 &&
               DecodeBase64(auth.substr(scheme.size()), &decoded);
     std::lock_guard<std::mutex> guard(lock);
-    if (ok && decoded == user + ":" + password) return true;
+    if (ok && decoded == user + ":" + password)
+        return true;
     unauthorized++;
     return false;
 }
@@ -101,12 +112,15 @@ void TarnEndpoints::State::ServeCounting(Camera& camera, bool reset, Exchange& e
         status = counting_status;
         in_flight = probe;
     }
-    if (in_flight) in_flight->Enter();
-    if (delay > 0) std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+    if (in_flight)
+        in_flight->Enter();
+    if (delay > 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(delay));
     if (status != 0) {
         ex.Reply(status, "error\n", "text/plain");
     } else {
-        if (reset) camera.SetTotals(0, 0);
+        if (reset)
+            camera.SetTotals(0, 0);
         Totals totals = camera.GetTotals();
         {
             std::lock_guard<std::mutex> guard(lock);
@@ -114,7 +128,8 @@ void TarnEndpoints::State::ServeCounting(Camera& camera, bool reset, Exchange& e
         }
         ex.Reply(200, TotalsBody(totals), "text/plain");
     }
-    if (in_flight) in_flight->Leave();
+    if (in_flight)
+        in_flight->Leave();
 }
 
 void TarnEndpoints::State::ServeSettings(const Request& req, Exchange& ex) {
@@ -122,7 +137,8 @@ void TarnEndpoints::State::ServeSettings(const Request& req, Exchange& ex) {
     {
         std::lock_guard<std::mutex> guard(lock);
         status = settings_status;
-        if (status == 0) settings.push_back(req.body);
+        if (status == 0)
+            settings.push_back(req.body);
     }
     if (status != 0)
         ex.Reply(status, "rejected\n", "text/plain");
@@ -130,8 +146,7 @@ void TarnEndpoints::State::ServeSettings(const Request& req, Exchange& ex) {
         ex.Reply(200, "ok\n", "text/plain");
 }
 
-TarnEndpoints::TarnEndpoints(Camera& camera, const std::string& user,
-                             const std::string& password)
+TarnEndpoints::TarnEndpoints(Camera& camera, const std::string& user, const std::string& password)
     : state_(std::make_shared<State>()) {
     state_->user = user;
     state_->password = password;
