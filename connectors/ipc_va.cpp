@@ -172,6 +172,7 @@ bool read_status_line(int fd, int wake_fd) {
     char line[kLineBufferSize];
     memset(line, 0, sizeof(line));
     if (tarnu_socket_recv_line(fd, line, wake_fd) < 0) {
+        if (errno == ECANCELED) return false;  // abandoned by the caller, not a camera fault
         printf("buff %s\n", line);
         printf("validate_headers Recv Fail...\n");
         fflush(stdout);

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <mutex>
 #include <string>
 
 #include "CameraSim.h"
@@ -169,24 +170,32 @@ TEST_F(ClientLibraries, CountingFailuresLeaveAnEmptyContext) {
 }
 
 TEST_F(ClientLibraries, CountingRefusesUntrustworthyAnswers) {
+    std::mutex lock;  // the handler runs on the camera's thread
     std::string answer;
-    cam.AddRoute("GET", "/3dpc/v1/totals", [&answer](const camsim::Request&, camsim::Exchange& ex) {
-        ex.Send(answer);
+    cam.AddRoute("GET", "/3dpc/v1/totals", [&](const camsim::Request&, camsim::Exchange& ex) {
+        std::unique_lock<std::mutex> guard(lock);
+        std::string bytes = answer;
+        guard.unlock();
+        ex.Send(bytes);
         ex.CloseAfter();
     });
+    auto set_answer = [&](const std::string& bytes) {
+        std::lock_guard<std::mutex> guard(lock);
+        answer = bytes;
+    };
     const std::string ok = "HTTP/1.1 200 OK\r\nContent-Length: ";
     for (const std::string& body :
          {std::string("in=1\n"), std::string("in=x\nout=2\n"), std::string("in=1\nout=2\nin=3\n"),
           std::string("in=2147483648\nout=0\n"), std::string("")}) {
-        answer = ok + std::to_string(body.size()) + "\r\n\r\n" + body;
+        set_answer(ok + std::to_string(body.size()) + "\r\n\r\n" + body);
         Tarn_PPLContext ctx;
         EXPECT_EQ(Request3DPC(MakeInfo<DeviceInfo>(cam.Port()), E_PC_API_COUNTING, &ctx), -EPROTO)
             << body;
     }
-    answer = ok + "40\r\n\r\nin=1\n";  // the camera hangs up mid-body
+    set_answer(ok + "40\r\n\r\nin=1\n");  // the camera hangs up mid-body
     Tarn_PPLContext ctx;
     EXPECT_EQ(Request3DPC(MakeInfo<DeviceInfo>(cam.Port()), E_PC_API_COUNTING, &ctx), -EPROTO);
-    answer = ok + "21\r\n\r\nin=-2147483648\r\nout=5";
+    set_answer(ok + "21\r\n\r\nin=-2147483648\r\nout=5");
     ASSERT_EQ(Request3DPC(MakeInfo<DeviceInfo>(cam.Port()), E_PC_API_COUNTING, &ctx), 0);
     EXPECT_EQ(ctx.TotalIn, -2147483647 - 1);
     EXPECT_EQ(ctx.TotalOut, 5);

@@ -149,6 +149,9 @@ bool EnterSandbox(std::string* why) {
     }
     if (!BindOnto(opt_dir, "/opt", why) || !BindOnto(tmp_dir, "/tmp", why))
         return false;
+    // Keep the service's syslog lines off the host's logger (they are
+    // copied to standard error anyway).
+    if (access("/dev/log", F_OK) == 0) mount("/dev/null", "/dev/log", nullptr, MS_BIND, nullptr);
     if (!MakeDirs("/opt/user/ZV318/INIT")) {
         *why = ErrnoText("mkdir /opt/user/ZV318/INIT");
         return false;

@@ -225,13 +225,9 @@ void TarnEndpoints::InstallDefault(Camera& camera) {
 namespace {
 
 const bool kRegistered =
-    RegisterCameraKind({"tarn", "--tarn",
-                        "--tarn PORT      3DPC camera: GET /3dpc/v1/totals, POST "
-                        "/3dpc/v1/totals/reset (account admin:admin; repeatable)",
+    RegisterCameraKind({"tarn", "--tarn", "PORT: a 3DPC camera (account admin:admin); repeatable",
                         TarnEndpoints::InstallDefault}) &&
-    RegisterCameraKind({"lapi", "",
-                        "                 every camera also takes settings on POST "
-                        "/va/v1/ppl/command (account admin:admin)",
+    RegisterCameraKind({"lapi", "", "settings requests on every LAPI camera (admin:admin)",
                         TarnEndpoints::InstallDefault});
 
 }  // namespace
