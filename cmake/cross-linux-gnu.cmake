@@ -10,6 +10,11 @@ set(CMAKE_CXX_COMPILER ${PPL_CROSS_TRIPLET}-g++)
 # Debian installs the target's C and C++ runtime under /usr/<triplet>.
 set(PPL_CROSS_ROOT /usr/${PPL_CROSS_TRIPLET})
 set(CMAKE_FIND_ROOT_PATH ${PPL_CROSS_ROOT})
+# The camera makers' client libraries for the target are looked up there as
+# given, not below the target root.
+if(PPL_VENDOR_DIR)
+    list(APPEND CMAKE_FIND_ROOT_PATH ${PPL_VENDOR_DIR})
+endif()
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)

@@ -172,7 +172,9 @@ bool read_status_line(int fd, int wake_fd) {
     char line[kLineBufferSize];
     memset(line, 0, sizeof(line));
     if (tarnu_socket_recv_line(fd, line, wake_fd) < 0) {
-        if (errno == ECANCELED) return false;  // abandoned by the caller, not a camera fault
+        // Abandoned by the caller (stopping), not a fault of the camera.
+        if (errno == ECANCELED)
+            return false;
         printf("buff %s\n", line);
         printf("validate_headers Recv Fail...\n");
         fflush(stdout);

@@ -46,17 +46,13 @@ TEST_F(CommandSocket, ReplyGoesToTheSenderWithItsZero) {
     EXPECT_EQ(client.getNumData(), 3);
     EXPECT_EQ(client.Recv(buf_, sizeof(buf_)), 3);
     EXPECT_EQ(std::string(buf_, 3), std::string("ok\0", 3));
-}
 
-TEST_F(CommandSocket, LongDatagramIsCutAndItsRestLost) {
-    NCommandIPC server(a_.c_str(), nullptr);
-    NCommandIPC client(b_.c_str(), a_.c_str());
     EXPECT_EQ(client.Send("abcdefghi", 9), 10);
     ASSERT_GT(server.Wait(2, 0), 0);
     char small[4];
     EXPECT_EQ(server.Recv(small, sizeof(small)), 3);
     EXPECT_STREQ(small, "abc");
-    EXPECT_EQ(server.Wait(0, 0), 0);
+    EXPECT_EQ(server.Wait(0, 0), 0) << "the rest of a cut datagram is lost";
 }
 
 TEST_F(CommandSocket, UnboundSenderCannotBeAnswered) {

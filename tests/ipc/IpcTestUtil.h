@@ -2,7 +2,6 @@
 #define PPL_IPC_TEST_UTIL_H
 
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -22,7 +21,7 @@ namespace ipctest {
             GTEST_SKIP() << why_;                 \
     } while (0)
 
-// Runs body in a forked child; the child's exit code is body's result.
+// Runs body in a forked child whose exit code is body's result.
 inline pid_t Spawn(const std::function<int()>& body) {
     pid_t pid = fork();
     if (pid == 0)
@@ -37,29 +36,7 @@ inline int Reap(pid_t pid) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// One-way signal between two processes.
-class Baton {
-public:
-    Baton() {
-        if (pipe(fds_) != 0)
-            fds_[0] = fds_[1] = -1;
-    }
-    ~Baton() {
-        close(fds_[0]);
-        close(fds_[1]);
-    }
-    void Pass() { (void)!write(fds_[1], "!", 1); }
-    bool Take() {
-        struct pollfd p = {fds_[0], POLLIN, 0};
-        char c;
-        return poll(&p, 1, 5000) == 1 && read(fds_[0], &c, 1) == 1;
-    }
-
-private:
-    int fds_[2];
-};
-
-// A private directory for socket files, removed with everything in it.
+// A private directory for socket files, removed with its contents.
 class TempDir {
 public:
     TempDir() {
@@ -67,7 +44,7 @@ public:
         if (mkdtemp(templ) != nullptr)
             path_ = templ;
     }
-    ~TempDir() {
+    virtual ~TempDir() {
         std::error_code ignored;
         if (!path_.empty())
             std::filesystem::remove_all(path_, ignored);

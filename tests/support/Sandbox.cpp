@@ -119,6 +119,30 @@ bool BindOnto(const std::string& from, const char* onto, std::string* why) {
     return true;
 }
 
+// The same arguments preceded by the emulator command, for a test build
+// made for another processor; empty for a native build.
+std::vector<std::string> ThroughEmulator(const std::vector<std::string>& argv) {
+    std::vector<std::string> words;
+#ifdef PPL_TARGET_EMULATOR
+    std::istringstream emulator(PPL_TARGET_EMULATOR);
+    std::string word;
+    while (emulator >> word)
+        words.push_back(word);
+    words.insert(words.end(), argv.begin(), argv.end());
+#else
+    (void)argv;
+#endif
+    return words;
+}
+
+std::vector<char*> ExecArgs(const std::vector<std::string>& argv) {
+    std::vector<char*> args;
+    for (const std::string& a : argv)
+        args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    return args;
+}
+
 }  // namespace
 
 bool EnterIpcNamespace(std::string* why) {
@@ -151,7 +175,8 @@ bool EnterSandbox(std::string* why) {
         return false;
     // Keep the service's syslog lines off the host's logger (they are
     // copied to standard error anyway).
-    if (access("/dev/log", F_OK) == 0) mount("/dev/null", "/dev/log", nullptr, MS_BIND, nullptr);
+    if (access("/dev/log", F_OK) == 0)
+        mount("/dev/null", "/dev/log", nullptr, MS_BIND, nullptr);
     if (!MakeDirs("/opt/user/ZV318/INIT")) {
         *why = ErrnoText("mkdir /opt/user/ZV318/INIT");
         return false;
@@ -179,6 +204,9 @@ bool Child::Start(const std::vector<std::string>& argv, const std::string& dir) 
     std::string tag = std::to_string(getpid()) + "-" + std::to_string(++serial);
     out_path_ = dir + "/child-" + tag + ".out";
     err_path_ = dir + "/child-" + tag + ".err";
+    std::vector<char*> args = ExecArgs(argv);
+    std::vector<std::string> emulated = ThroughEmulator(argv);
+    std::vector<char*> emulated_args = ExecArgs(emulated);
     pid_ = fork();
     if (pid_ < 0)
         return false;
@@ -192,15 +220,15 @@ bool Child::Start(const std::vector<std::string>& argv, const std::string& dir) 
         int devnull = open("/dev/null", O_RDONLY);
         if (devnull >= 0)
             dup2(devnull, 0);
-        std::vector<char*> args;
-        for (const std::string& a : argv)
-            args.push_back(const_cast<char*>(a.c_str()));
-        args.push_back(nullptr);
         // The child starts with no signal blocked, whatever the test did.
         sigset_t none;
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);
         execv(args[0], args.data());
+        // A target program the kernel cannot start itself (no binfmt_misc
+        // entry for the target processor) runs under the tests' emulator.
+        if (errno == ENOEXEC && !emulated.empty())
+            execv(emulated_args[0], emulated_args.data());
         _exit(127);
     }
     reaped_ = false;

@@ -225,7 +225,7 @@ void TarnEndpoints::InstallDefault(Camera& camera) {
 namespace {
 
 const bool kRegistered =
-    RegisterCameraKind({"tarn", "--tarn", "PORT: a 3DPC camera (account admin:admin); repeatable",
+    RegisterCameraKind({"tarn", "--tarn", "a 3DPC camera (account admin:admin); repeatable",
                         TarnEndpoints::InstallDefault}) &&
     RegisterCameraKind({"lapi", "", "settings requests on every LAPI camera (admin:admin)",
                         TarnEndpoints::InstallDefault});

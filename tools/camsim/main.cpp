@@ -56,7 +56,7 @@ void PrintHelp() {
         "  --lapi PORT         a LAPI camera on PORT (0 picks a free port); repeatable\n");
     for (const camsim::CameraKind& kind : camsim::RegisteredKinds()) {
         if (!kind.option.empty())
-            std::printf("  %-19s %s\n", kind.option.c_str(), kind.help.c_str());
+            std::printf("  %-19s %s\n", (kind.option + " PORT").c_str(), kind.help.c_str());
     }
     std::printf(
         "  --bind ADDR         address to listen on (default 127.0.0.1)\n"
