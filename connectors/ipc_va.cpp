@@ -75,7 +75,13 @@ bool wait_readable(int fd, int wake_fd) {
     }
 }
 
+// Takes what is there at once; only when nothing is, waits as above.
 ssize_t recv_some(int fd, char* buf, size_t len, int wake_fd) {
+    if (wake_fd >= 0) {
+        ssize_t n = recv(fd, buf, len, MSG_DONTWAIT);
+        if (n >= 0 || (errno != EAGAIN && errno != EWOULDBLOCK))
+            return n;
+    }
     if (!wait_readable(fd, wake_fd))
         return -1;
     return recv(fd, buf, len, 0);
@@ -231,6 +237,31 @@ bool read_subscription_answer(int fd, int wake_fd) {
     return recv_body(fd, body, content_length, wake_fd) == content_length;
 }
 
+// Lends a context the zeroed head buffer of its thread. Each worker thread
+// keeps one and zeroes again only what a message wrote, instead of
+// allocating and zeroing the whole buffer for every message and every empty
+// wait. Declared after the context, so it is gone before the context is.
+class HeadBuffer {
+public:
+    explicit HeadBuffer(HTTP_CONTEXT* ctx) : ctx_(ctx) {
+        if (!buffer)
+            buffer.reset(new char[HTTP_HEAD_BUFFER_SIZE]());
+        ctx->buffer = buffer.get();
+        ctx->buffer_size = HTTP_HEAD_BUFFER_SIZE;
+    }
+    // The reader writes only the received bytes (it zeroes what it looked at
+    // beyond them).
+    virtual ~HeadBuffer() { memset(buffer.get(), 0, ctx_->received); }
+    HeadBuffer(const HeadBuffer&) = delete;
+    HeadBuffer& operator=(const HeadBuffer&) = delete;
+
+private:
+    static thread_local std::unique_ptr<char[]> buffer;
+    HTTP_CONTEXT* ctx_;
+};
+
+thread_local std::unique_ptr<char[]> HeadBuffer::buffer;
+
 }  // namespace
 
 int socketConnect(int fd, sockaddr* addr, unsigned addrlen, long timeout_ms, int wake_fd) {
@@ -299,10 +330,8 @@ int ipcva_connect(std::string ip, unsigned short port, unsigned timeout_ms,
 int ipcva_recv_msg(int fd, std::string& msg, const timeval& wait, int wake_fd) {
     if (fd == -1)
         return -1;
-    std::unique_ptr<char[]> head(new char[HTTP_HEAD_BUFFER_SIZE]());
     HTTP_CONTEXT ctx;
-    ctx.buffer = head.get();
-    ctx.buffer_size = HTTP_HEAD_BUFFER_SIZE;
+    HeadBuffer head(&ctx);
     int result = http_read_until_got_request(fd, &ctx, wait, wake_fd);
     if (result < 1)
         return result;

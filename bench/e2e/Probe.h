@@ -1,0 +1,25 @@
+#ifndef PPLBENCH_PROBE_H
+#define PPLBENCH_PROBE_H
+
+#include <sys/types.h>
+
+#include <cstdint>
+
+namespace pplbench {
+
+// What the kernel says about a process, summed over its threads.
+struct ProcessSample {
+    uint64_t at_ns = 0;        // monotonic time of the sample
+    uint64_t cpu_ns = 0;       // time on a CPU
+    uint64_t voluntary = 0;    // context switches by blocking: wake-ups
+    uint64_t involuntary = 0;  // context switches by preemption
+    long rss_kib = 0;
+    long peak_rss_kib = 0;
+    int threads = 0;
+};
+
+bool SampleProcess(pid_t pid, ProcessSample* sample);
+
+}  // namespace pplbench
+
+#endif

@@ -1,0 +1,153 @@
+// Cameras that refuse, reject, break off, send nonsense, fall silent or
+// restart: the service keeps answering and counts right once they behave.
+#include <string>
+#include <vector>
+
+#include "FaultFixture.h"
+
+namespace ppltest {
+namespace {
+
+using camsim::Subscribe;
+
+TEST_F(FaultTest, RefusedRejectedAndUnansweredSubscriptionsAreRetriedUntilTheCameraAnswers) {
+    in_cam_->SetRefusing(true);
+    ASSERT_TRUE(h_->StartService());
+    ASSERT_TRUE(out_cam_->WaitForSubscribers(1, 8000)) << h_->Stderr();
+    ASSERT_TRUE(WaitFor(6000, [&] {
+        return h_->Stderr().find("connect is failed, errno:111") != std::string::npos;
+    }));
+    EXPECT_TRUE(h_->WaitStatus("PPL.In0.Status", "disconnect"));
+    EXPECT_EQ(h_->Command("action=ppl_get_service_status"),
+              "reply=success&in0=disconnect&out0=connect");
+
+    in_cam_->SetSubscribe(Subscribe::Unauthorized);
+    in_cam_->SetRefusing(false);
+    ASSERT_TRUE(WaitFor(8000, [&] { return Subscriptions(*in_cam_) >= 2; }));
+    ExpectAlive("401 answers");
+
+    // Accepted and never answered: the receive time-out ends the attempt
+    // while the loop goes on answering.
+    in_cam_->SetSubscribe(Subscribe::Silent);
+    int asked = Subscriptions(*in_cam_);
+    ASSERT_TRUE(WaitFor(5000, [&] { return Subscriptions(*in_cam_) > asked; }));
+    EXPECT_EQ(h_->Command("action=ppl_get_service_status", 1000),
+              "reply=success&in0=disconnect&out0=connect");
+    in_cam_->SetSubscribe(Subscribe::Ok);
+    ASSERT_TRUE(in_cam_->WaitForSubscribers(1, 20000)) << h_->Stderr();
+
+    in_cam_->Walk(3, 0);
+    EXPECT_TRUE(h_->WaitEvent(ExpectedCountEvent()));
+    EXPECT_TRUE(h_->WaitStatus("PPL.In0.Status", "connect"));
+    EXPECT_TRUE(StatusRecovers());
+    ExpectCleanStop();
+}
+
+TEST_F(FaultTest, BrokenSubscriptionAnswersAreRetried) {
+    StartCounting();
+    in_cam_->Walk(2, 0);
+    out_cam_->Walk(0, 1);
+    // Both cameras at once, a different broken answer each, one attempt apiece.
+    const std::vector<std::pair<Subscribe, Subscribe>> steps = {
+        {Subscribe::CloseMidHead, Subscribe::Garbage},
+        {Subscribe::OkWithoutBody, Subscribe::OkZeroLength},
+        {Subscribe::OkShortBody, Subscribe::OkHugeBody},
+        {Subscribe::LongHeaderLine, Subscribe::CloseAtOnce},
+    };
+    in_cam_->DropConnections();
+    out_cam_->DropConnections();
+    for (const auto& step : steps) {
+        // Set first: a request recorded after this gets the new answer.
+        in_cam_->SetSubscribe(step.first);
+        out_cam_->SetSubscribe(step.second);
+        int in_asked = Subscriptions(*in_cam_);
+        int out_asked = Subscriptions(*out_cam_);
+        ASSERT_TRUE(WaitFor(8000, [&] {
+            return Subscriptions(*in_cam_) > in_asked && Subscriptions(*out_cam_) > out_asked;
+        })) << h_->Stderr();
+        ExpectAlive("a broken subscription answer");
+    }
+    in_cam_->SetSubscribe(Subscribe::Ok);
+    out_cam_->SetSubscribe(Subscribe::Ok);
+    ASSERT_TRUE(in_cam_->WaitForSubscribers(1, 8000));
+    ASSERT_TRUE(out_cam_->WaitForSubscribers(1, 8000));
+    EXPECT_TRUE(CountsRecover());
+    EXPECT_TRUE(StatusRecovers());
+    ExpectCleanStop();
+}
+
+std::string Head(const std::string& content_length) {
+    return "POST /LAPI/V1.0/System/Event/Notification HTTP/1.1\r\nContent-Length: " +
+           content_length + "\r\n\r\n";
+}
+
+std::string Garbage(size_t n, unsigned seed) {
+    std::string bytes;
+    for (size_t i = 0; i < n; ++i) {
+        seed = seed * 1103515245u + 12345u;
+        bytes += static_cast<char>(seed >> 16);
+    }
+    return bytes;
+}
+
+TEST_F(FaultTest, BrokenEventMessagesAreDroppedAndCountingGoesOn) {
+    StartCounting();
+    in_cam_->Walk(3, 0);
+    out_cam_->Walk(0, 1);
+    ASSERT_TRUE(h_->WaitEvent(ExpectedCountEvent()));
+    struct Fault {
+        const char* name;
+        std::string bytes;
+        bool then_close;
+    };
+    const std::vector<Fault> faults = {
+        {"four words", "POST /a HTTP/1.1 more\r\n\r\n", false},
+        {"no length", "POST /x HTTP/1.1\r\nHost: cam\r\n\r\n{}", false},
+        {"negative length", Head("-1"), false},
+        {"huge length", Head("99999999999999999999"), false},
+        {"oversized body", Head("5000") + std::string(5000, '{'), false},
+        {"oversized head", "POST /x HTTP/1.1\r\nX: " + std::string(20000, 'a') + "\r\n\r\n", false},
+        {"binary garbage", Garbage(3000, 7), false},
+        {"closed mid-head", "POST /LAPI/V1.0/Sys", true},
+        {"closed mid-body", Head("60") + "{\"TotalIn\":", true},
+        {"not JSON", Head("9") + std::string("\x01\xff\0{}\"Tot", 9), false},
+    };
+    for (const Fault& fault : faults) {
+        in_cam_->SendRaw(fault.bytes);
+        if (fault.then_close)
+            in_cam_->DropConnections();
+        ExpectAlive(fault.name);
+        EXPECT_TRUE(CountsRecover()) << fault.name << "\n" << h_->Stderr();
+    }
+    EXPECT_GT(in_cam_->AcceptedConnections(), 5) << "broken messages end the connection";
+
+    // A camera with nothing to say keeps its connection.
+    int connections = in_cam_->AcceptedConnections();
+    EXPECT_FALSE(WaitFor(3000, [&] { return in_cam_->AcceptedConnections() != connections; }));
+    in_cam_->Walk(1, 0);
+    EXPECT_TRUE(h_->WaitEvent(ExpectedCountEvent()));
+    EXPECT_TRUE(StatusRecovers());
+    ExpectCleanStop();
+}
+
+TEST_F(FaultTest, CameraRestartingWithItsTotalsBackAtZeroIsTakenAsItComes) {
+    StartCounting();
+    in_cam_->Walk(6, 0);
+    ASSERT_TRUE(h_->WaitEvent("event=ppl_stayin_over&group=0&limit=5"));
+    out_cam_->Walk(0, 2);
+    ASSERT_TRUE(h_->WaitEvent("event=ppl_count&in0=6&out0=2&stayin0=4"));
+
+    in_cam_->Restart();
+    ASSERT_TRUE(WaitFor(5000, [&] { return in_cam_->AcceptedConnections() >= 2; }));
+    ASSERT_TRUE(in_cam_->WaitForSubscribers(1, 5000));
+    in_cam_->Walk(1, 0);
+    EXPECT_TRUE(h_->WaitEvent("event=ppl_stayin_under&group=0&limit=1"));
+    EXPECT_TRUE(h_->WaitEvent("event=ppl_count&in0=1&out0=2&stayin0=-1"));
+    EXPECT_TRUE(h_->WaitStatus("PPL.StayIn0.Count", "-1"));
+    EXPECT_EQ(h_->Status()["PPL.StayIn0.Status"], "Under");
+    ExpectAlive("a camera restart");
+    ExpectCleanStop();
+}
+
+}  // namespace
+}  // namespace ppltest

@@ -1,0 +1,85 @@
+#include "FaultFixture.h"
+
+#include <csignal>
+
+namespace ppltest {
+
+bool SanitizerSpoke(const std::string& output) {
+    return output.find("Sanitizer") != std::string::npos ||
+           output.find("runtime error:") != std::string::npos;
+}
+
+int Subscriptions(camsim::Camera& camera) {
+    int n = 0;
+    for (const camsim::Request& r : camera.Requests())
+        n += r.path == "/LAPI/V1.0/System/Event/Subscription";
+    return n;
+}
+
+void FaultTest::SetUp() {
+    PPL_ENTER_SANDBOX_OR_SKIP();
+    in_cam_.reset(new camsim::Camera());
+    out_cam_.reset(new camsim::Camera());
+    ASSERT_TRUE(in_cam_->Start());
+    ASSERT_TRUE(out_cam_->Start());
+    in_ctl_.reset(new camsim::TarnEndpoints(*in_cam_, "admin", "secret"));
+    out_ctl_.reset(new camsim::TarnEndpoints(*out_cam_, "admin", "secret"));
+    h_.reset(new ServiceHarness());
+    config_ = LapiConfig(in_cam_->Port(), out_cam_->Port());
+    h_->WriteConfig(config_);
+}
+
+void FaultTest::TearDown() {
+    h_.reset();
+    if (in_cam_)
+        in_cam_->Stop();
+    if (out_cam_)
+        out_cam_->Stop();
+}
+
+void FaultTest::StartCounting() {
+    ASSERT_TRUE(h_->StartService());
+    ASSERT_TRUE(in_cam_->WaitForSubscribers(1, 8000)) << h_->Stderr();
+    ASSERT_TRUE(out_cam_->WaitForSubscribers(1, 8000)) << h_->Stderr();
+    ASSERT_TRUE(h_->WaitStatus("PPL.In0.Status", "connect", 8000));
+    ASSERT_TRUE(h_->WaitStatus("PPL.Out0.Status", "connect", 8000));
+}
+
+std::string FaultTest::ExpectedCountEvent() {
+    int in = in_cam_->GetTotals().in;
+    int out = out_cam_->GetTotals().out;
+    return "event=ppl_count&in0=" + std::to_string(in) + "&out0=" + std::to_string(out) +
+           "&stayin0=" + std::to_string(in - out);
+}
+
+bool FaultTest::CountsRecover(int timeout_ms) {
+    const std::string expected = ExpectedCountEvent();
+    return WaitFor(timeout_ms, [&] {
+        in_cam_->SendTotals();
+        out_cam_->SendTotals();
+        return h_->WaitEvent(expected, 700);
+    });
+}
+
+bool FaultTest::StatusRecovers(int timeout_ms) {
+    const std::string in = std::to_string(in_cam_->GetTotals().in);
+    const std::string out = std::to_string(out_cam_->GetTotals().out);
+    return WaitFor(timeout_ms, [&] {
+        auto status = h_->Status();
+        return status["PPL.In0.Count"] == in && status["PPL.Out0.Count"] == out;
+    });
+}
+
+void FaultTest::ExpectAlive(const std::string& after) {
+    ASSERT_TRUE(h_->Service().Running()) << "ended after " << after << "\n" << h_->Stderr();
+    EXPECT_EQ(h_->Command("action=ppl_get_service_status").rfind("reply=success&in0=", 0), 0u)
+        << "no answer after " << after;
+    EXPECT_FALSE(SanitizerSpoke(h_->Stderr())) << after << "\n" << h_->Stderr();
+}
+
+void FaultTest::ExpectCleanStop() {
+    EXPECT_EQ(h_->StopService(SIGTERM, 5000), 0) << h_->Stderr();
+    EXPECT_FALSE(SanitizerSpoke(h_->Stderr())) << h_->Stderr();
+}
+
+}  // namespace ppltest

@@ -1,0 +1,51 @@
+#ifndef PPL_TEST_FAULT_FIXTURE_H
+#define PPL_TEST_FAULT_FIXTURE_H
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <string>
+
+#include "CameraSim.h"
+#include "ServiceHarness.h"
+#include "TarnEndpoints.h"
+
+namespace ppltest {
+
+// True when a sanitizer reported anything in this output.
+bool SanitizerSpoke(const std::string& output);
+
+// The count of subscription requests a camera received.
+int Subscriptions(camsim::Camera& camera);
+
+// Group 0 with LAPI in camera 0 and out camera 1, both simulated, and the real
+// service around them, plus the checks every fault ends with: the service
+// still runs and answers, and the counts are right again.
+class FaultTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // Starts the service; waits for both subscriptions and connected status.
+    void StartCounting();
+    // The count event the cameras' current totals must give.
+    std::string ExpectedCountEvent();
+    // Sends both cameras' totals until that event arrives; false on time-out.
+    bool CountsRecover(int timeout_ms = 15000);
+    // The status file shows the cameras' current totals.
+    bool StatusRecovers(int timeout_ms = 4000);
+    // The service runs, answers a command and no sanitizer reported.
+    void ExpectAlive(const std::string& after);
+    // Ends with SIGTERM: exit status 0 and no sanitizer report.
+    void ExpectCleanStop();
+
+    std::unique_ptr<camsim::Camera> in_cam_, out_cam_;
+    std::unique_ptr<camsim::TarnEndpoints> in_ctl_, out_ctl_;
+    std::unique_ptr<ServiceHarness> h_;
+    std::map<std::string, std::string> config_;
+};
+
+}  // namespace ppltest
+
+#endif

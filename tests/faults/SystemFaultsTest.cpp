@@ -1,0 +1,134 @@
+// A configuration file that is missing, unreadable, huge or garbage, a /tmp
+// that cannot be written for a while, and a status file that someone deletes
+// or edits while the service runs.
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include "FaultFixture.h"
+
+namespace ppltest {
+namespace {
+
+std::string Garbage(size_t n, unsigned seed) {
+    std::string bytes;
+    for (size_t i = 0; i < n; ++i) {
+        seed = seed * 1103515245u + 12345u;
+        bytes += static_cast<char>(seed >> 16);
+    }
+    return bytes;
+}
+
+// Megabytes of lines the service does not know, then the real keys.
+std::string HugeConfig(const std::map<std::string, std::string>& keys) {
+    std::string text;
+    for (int i = 0; text.size() < (4u << 20); ++i) {
+        text += "JUNK_" + std::to_string(i) + " = " + std::string(40, 'j') + "\r\n";
+        text += "a line without a separator [section] ;comment\n\n";
+    }
+    for (const auto& kv : keys)
+        text += kv.first + "=" + kv.second + "\r\n";
+    return text;
+}
+
+bool Exists(const std::string& path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0;
+}
+
+TEST_F(FaultTest, ConfigurationMissingGarbageUnreadableOrHuge) {
+    const std::string ini = ServiceHarness::kSystemIni;
+    ASSERT_EQ(unlink(ini.c_str()), 0);
+    ASSERT_TRUE(h_->StartService());
+    EXPECT_TRUE(h_->WaitEvent("event=ppl_enable&enable=0"));
+    EXPECT_TRUE(WaitFor(3000, [&] { return Exists(ini); })) << "created empty";
+    ExpectAlive("no configuration");
+
+    auto reload = [&](const std::string& what, const std::string& enable) {
+        h_->ForgetEvents();
+        EXPECT_EQ(h_->Command("action=ppl_config_change"), "reply=success") << what;
+        EXPECT_TRUE(h_->WaitEvent("event=ppl_enable&enable=" + enable, 8000)) << what;
+        ExpectAlive(what);
+    };
+    ASSERT_TRUE(WriteWholeFile(ini, Garbage(65536, 3)));
+    reload("a garbage configuration", "0");
+    ASSERT_EQ(unlink(ini.c_str()), 0);
+    ASSERT_EQ(mkdir(ini.c_str(), 0755), 0);
+    reload("an unreadable configuration", "0");
+    ASSERT_EQ(rmdir(ini.c_str()), 0);
+
+    ASSERT_TRUE(WriteWholeFile(ini, HugeConfig(config_)));
+    reload("a huge configuration", "1");
+    ASSERT_TRUE(in_cam_->WaitForSubscribers(1, 8000));
+    ASSERT_TRUE(out_cam_->WaitForSubscribers(1, 8000));
+    in_cam_->Walk(2, 0);
+    out_cam_->Walk(0, 1);
+    EXPECT_TRUE(CountsRecover());
+
+    // Unreadable while counting: the service is then disabled, by design,
+    // until the file can be read again.
+    ASSERT_EQ(unlink(ini.c_str()), 0);
+    ASSERT_EQ(mkdir(ini.c_str(), 0755), 0);
+    reload("an unreadable configuration while counting", "0");
+    EXPECT_TRUE(WaitFor(5000, [&] { return in_cam_->Subscribers() + out_cam_->Subscribers() == 0; }));
+    ASSERT_EQ(rmdir(ini.c_str()), 0);
+    h_->WriteConfig(config_);
+    reload("the configuration restored", "1");
+    ASSERT_TRUE(in_cam_->WaitForSubscribers(1, 8000));
+    ASSERT_TRUE(out_cam_->WaitForSubscribers(1, 8000));
+    in_cam_->Walk(1, 0);
+    EXPECT_TRUE(CountsRecover());
+    EXPECT_TRUE(StatusRecovers());
+    ExpectCleanStop();
+}
+
+TEST_F(FaultTest, StatusFileDeletedEditedOrNotWritable) {
+    StartCounting();
+    in_cam_->Walk(2, 0);
+    out_cam_->Walk(0, 1);
+    ASSERT_TRUE(StatusRecovers());
+    const std::string status = ServiceHarness::kStatusIni;
+
+    ASSERT_EQ(unlink(status.c_str()), 0);
+    EXPECT_TRUE(WaitFor(3000, [&] { return Exists(status); }));
+    EXPECT_TRUE(StatusRecovers());
+    EXPECT_EQ(h_->Status()["PPL.In0.Status"], "connect");
+
+    // Edited by hand: the service's own keys come back, others stay, and
+    // the limits, written only on a reload, keep the edit until one.
+    std::map<std::string, std::string> edited;
+    for (int attempt = 0; attempt < 3 && edited["OTHER.Key"] != "kept"; ++attempt) {
+        // An edit that lands between the service's read and its write is
+        // lost, as with any writer of the file; it is simply made again.
+        ASSERT_TRUE(WriteWholeFile(status, "PPL.In0.Count = 999\nPPL.Enable = 0\nOTHER.Key = kept\n"
+                                           "PPL.StayIn0.Over = 77\n\x01\x02 garbage\r\n\r\n"));
+        EXPECT_TRUE(StatusRecovers());
+        EXPECT_TRUE(h_->WaitStatus("PPL.Enable", "1"));
+        edited = h_->Status();
+    }
+    EXPECT_EQ(edited["OTHER.Key"], "kept");
+    EXPECT_EQ(edited["PPL.StayIn0.Over"], "77");
+    EXPECT_EQ(h_->Command("action=ppl_config_change"), "reply=success");
+    EXPECT_TRUE(h_->WaitStatus("PPL.StayIn0.Over", "5"));
+
+    // /tmp read-only for a while (a read-only mount over it: files already
+    // open stay writable, new writes fail). Counting and events go on; the
+    // file catches up once /tmp is writable again.
+    ASSERT_EQ(mount("/tmp", "/tmp", nullptr, MS_BIND, nullptr), 0) << strerror(errno);
+    ASSERT_EQ(mount(nullptr, "/tmp", nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0)
+        << strerror(errno);
+    in_cam_->Walk(1, 0);
+    EXPECT_TRUE(h_->WaitEvent(ExpectedCountEvent()));
+    ExpectAlive("/tmp read-only");
+    EXPECT_FALSE(StatusRecovers(1500)) << "nothing can be written";
+    ASSERT_EQ(umount2("/tmp", MNT_DETACH), 0) << strerror(errno);
+    EXPECT_TRUE(StatusRecovers());
+    ExpectCleanStop();
+}
+
+}  // namespace
+}  // namespace ppltest
