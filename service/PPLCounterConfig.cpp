@@ -142,23 +142,20 @@ void PPLCounter::ReadGroupCamera(SAttr& ini, unsigned int g, bool in) {
 }
 
 void PPLCounter::ReadGroupLimits(SAttr& ini, unsigned int g) {
-    const std::string over = ComposeKey(cfg_key_stream, "SERV_PPL_STAYIN_", g, "_OVER");
-    if (ini.HasKey(over.c_str())) {
-        int value = ini.GetIntValue(over.c_str(), 10);
+    static const struct {
+        const char* tail;
+        const char* label;
+        bool over;
+    } kLimits[] = {{"_OVER", "PPL Alarm Over: ", true}, {"_UNDER", "PPL Alarm Under: ", false}};
+    for (const auto& limit : kLimits) {
+        const std::string key = ComposeKey(cfg_key_stream, "SERV_PPL_STAYIN_", g, limit.tail);
+        if (!ini.HasKey(key.c_str())) continue;  // the limit stays as it was
+        int value = ini.GetIntValue(key.c_str(), 10);
         {
             std::lock_guard<std::mutex> guard(alarm_lock);
-            stayin_limits[g].first = value;
+            (limit.over ? stayin_limits[g].first : stayin_limits[g].second) = value;
         }
-        std::cout << "PPL Alarm Over: " << value << std::endl;
-    }
-    const std::string under = ComposeKey(cfg_key_stream, "SERV_PPL_STAYIN_", g, "_UNDER");
-    if (ini.HasKey(under.c_str())) {
-        int value = ini.GetIntValue(under.c_str(), 10);
-        {
-            std::lock_guard<std::mutex> guard(alarm_lock);
-            stayin_limits[g].second = value;
-        }
-        std::cout << "PPL Alarm Under: " << value << std::endl;
+        std::cout << limit.label << value << std::endl;
     }
 }
 
