@@ -173,8 +173,10 @@ int Tarn_3DPC_Counter::get_ppl_total_cam_in() {
 int Tarn_3DPC_Counter::get_ppl_total_cam_out() {
     return total_out;
 }
+// The camera's totals are any 32-bit values it sends: wrap, never overflow.
 int Tarn_3DPC_Counter::get_ppl_total_cam_stayin() {
-    return total_in - total_out;
+    return static_cast<int>(static_cast<unsigned int>(total_in) -
+                            static_cast<unsigned int>(total_out));
 }
 
 void Tarn_3DPC_Counter::reset_ppl_total_counts() {

@@ -6,7 +6,6 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
-#include <sstream>
 #include <string>
 
 #include "Abstract_PPL_Counter.h"
@@ -59,6 +58,7 @@ private:
     bool Pause(int ms);
     void Wake();
     void DrainWake();
+    bool AwaitMessage(int fd);
     int ParseValue(const std::string& json, const char* key, char end);
 
     std::atomic<bool> thread_alive;
@@ -70,7 +70,6 @@ private:
     std::atomic<int> sock;
     unsigned int connect_timeout;
     pthread_t thread;
-    std::stringstream parse_stream;
     int cam_idx;
     std::string dir_label;
     std::atomic<bool> running;
@@ -83,6 +82,7 @@ private:
     std::mutex addr_lock;
     std::mutex lifecycle_lock;  // start() and stop() from any thread
     int wake_fd;                // readable while a stop() is under way
+    int kick_fd;                // readable after a reconnect(), until the worker saw it
 };
 
 #endif

@@ -185,18 +185,19 @@ int wait_for_byte(int fd, const timeval& wait, int wake_fd) {
     }
 }
 
-// Hands the scanner the looked-at bytes after the received ones one at a
-// time, exactly as if each had been read on its own, and stops where a
+// Scans the looked-at bytes after the received ones and stops where a
 // byte-by-byte reader would have stopped reading. Returns the scan result;
 // *taken is the number of bytes that reader would have read.
 int scan_looked_at(HTTP_CONTEXT* ctx, uint32_t looked, uint32_t* taken) {
     uint32_t first = ctx->received;
-    int scanned = 0;
-    while (scanned == 0 && ctx->received < first + looked) {
-        ctx->received += 1;
-        scanned = scan(ctx);
+    if (ctx->state == kStateMalformed) {
+        // That reader reads one more byte before it gives up again.
+        *taken = 1;
+        return -EPROTO;
     }
-    *taken = ctx->received - first;
+    ctx->received = first + looked;
+    int scanned = scan(ctx);
+    *taken = ctx->position - first;
     ctx->received = first;
     return scanned;
 }
@@ -228,12 +229,18 @@ int http_read_until_got_request(int fd, HTTP_CONTEXT* ctx, const timeval& wait, 
         // The last byte of the buffer always stays zero.
         if (ctx->received + 1 >= ctx->buffer_size)
             return -EMSGSIZE;
-        int ready = wait_for_byte(fd, wait, wake_fd);
-        if (ready <= 0)
-            return ready;
         char* at = ctx->buffer + ctx->received;
         uint32_t room = ctx->buffer_size - 1 - ctx->received;
-        ssize_t looked = recv(fd, at, room < kLookSize ? room : kLookSize, MSG_PEEK);
+        size_t look = room < kLookSize ? room : kLookSize;
+        // Bytes already there need no wait (in a burst, the next message
+        // usually is); only an empty socket is waited on.
+        ssize_t looked = recv(fd, at, look, MSG_PEEK | MSG_DONTWAIT);
+        if (looked < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            int ready = wait_for_byte(fd, wait, wake_fd);
+            if (ready <= 0)
+                return ready;
+            looked = recv(fd, at, look, MSG_PEEK);
+        }
         if (looked < 0)
             return -errno;
         if (looked == 0) {

@@ -30,6 +30,7 @@ public:
         }
         close(fds[1]);
         reader_ = fds[0];
+        queued_ = sent;
     }
     virtual ~Feed() {
         if (reader_ >= 0)
@@ -39,9 +40,12 @@ public:
     Feed& operator=(const Feed&) = delete;
 
     int fd() const { return reader_; }
+    // Bytes that made it onto the socket.
+    size_t queued() const { return queued_; }
 
 private:
     int reader_ = -1;
+    size_t queued_ = 0;
 };
 
 }  // namespace pplfuzz

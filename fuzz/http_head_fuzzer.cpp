@@ -4,6 +4,7 @@
 // Content-Length). Mode byte odd: the head reader alone, with a head buffer
 // of a size the input chooses, allocated to the byte so that any write or
 // read past it is caught.
+#include <sys/ioctl.h>
 #include <sys/time.h>
 
 #include <cstdint>
@@ -41,11 +42,20 @@ void ReadEventStream(const uint8_t* data, size_t size) {
     abort();  // the reader stopped consuming the stream
 }
 
+// The reader must take the head and nothing after it: the body stays on
+// the socket for the caller.
+void CheckLeftOnSocket(const pplfuzz::Feed& feed, size_t consumed) {
+    int left = -1;
+    Check(ioctl(feed.fd(), FIONREAD, &left) == 0);
+    Check(static_cast<size_t>(left) == feed.queued() - consumed);
+}
+
 void ReadHeads(uint32_t buffer_size, const uint8_t* data, size_t size) {
     pplfuzz::Feed feed(data, size);
     if (feed.fd() < 0)
         return;
     const timeval wait = {0, 0};
+    size_t consumed = 0;
     for (size_t calls = 0; calls <= size + 1; ++calls) {
         std::unique_ptr<char[]> buffer(new char[buffer_size]());
         HTTP_CONTEXT ctx;
@@ -56,6 +66,8 @@ void ReadHeads(uint32_t buffer_size, const uint8_t* data, size_t size) {
             return;
         Check(static_cast<uint32_t>(result) == ctx.received);
         Check(ctx.received < buffer_size);
+        consumed += ctx.received;
+        CheckLeftOnSocket(feed, consumed);
         Check(buffer[buffer_size - 1] == '\0');
         for (const auto& header : ctx.headers)
             Check(header.first.find(':') == std::string::npos);

@@ -64,8 +64,7 @@ Rig* MakeRig() {
     UFile::WriteFile(where.system_ini.c_str(), config);
     rig->service = new FuzzedService(where);
     rig->command = new NTextCommand(where.command_path.c_str(), nullptr);
-    rig->module =
-        new NCommandIPC((rig->dir + "/module").c_str(), where.command_path.c_str());
+    rig->module = new NCommandIPC((rig->dir + "/module").c_str(), where.command_path.c_str());
     rig->events = new NEventMQ(0, true);  // IPC_PRIVATE: a queue of its own
     return rig;
 }

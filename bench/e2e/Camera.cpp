@@ -152,7 +152,7 @@ bool Camera::AwaitRelay(int timeout_ms, std::string* why) {
     return Accept(relay_listener_, timeout_ms, &relay_fd_, why);
 }
 
-bool Camera::SendEvent(uint32_t seq, bool in_camera, uint64_t* service_at, uint64_t* relay_at) {
+void Camera::AppendEvent(uint32_t seq, bool in_camera, std::string* out) {
     char body[160];
     int body_len = snprintf(
         body, sizeof(body), "{\"ObjectIn\":%d,\"ObjectOut\":%d,\"TotalIn\":%u,\"TotalOut\":%u}",
@@ -162,17 +162,27 @@ bool Camera::SendEvent(uint32_t seq, bool in_camera, uint64_t* service_at, uint6
                        "POST /LAPI/V1.0/System/Event/Notification HTTP/1.1\r\n"
                        "Content-Type: application/json\r\nContent-Length: %d\r\n\r\n%s",
                        body_len, body);
-    size_t size = static_cast<size_t>(len);
-    if (seq % 2 == 0) {
+    out->append(message, static_cast<size_t>(len));
+}
+
+bool Camera::SendEvents(const uint32_t* seqs, size_t count, bool in_camera, uint64_t* service_at,
+                        uint64_t* relay_at) {
+    batch_.clear();
+    for (size_t i = 0; i < count; ++i)
+        AppendEvent(seqs[i], in_camera, &batch_);
+    const char* data = batch_.data();
+    size_t size = batch_.size();
+    bool ok = true;
+    if (++batches_ % 2 == 0) {
         *service_at = NowNs();
-        bool ok = WriteAll(service_fd_, message, size);
+        ok = WriteAll(service_fd_, data, size);
         *relay_at = NowNs();
-        return WriteAll(relay_fd_, message, size) && ok;
+        return WriteAll(relay_fd_, data, size) && ok;
     }
     *relay_at = NowNs();
-    bool ok = WriteAll(relay_fd_, message, size);
+    ok = WriteAll(relay_fd_, data, size);
     *service_at = NowNs();
-    return WriteAll(service_fd_, message, size) && ok;
+    return WriteAll(service_fd_, data, size) && ok;
 }
 
 }  // namespace pplbench

@@ -26,10 +26,13 @@ public:
     bool AwaitSubscription(int timeout_ms, uint64_t* when, std::string* why);
     bool AwaitRelay(int timeout_ms, std::string* why);
 
-    // Writes one event message whose in total (in_camera) or out total is
-    // seq; the two writes alternate in order by seq. Each write is timed
-    // just before it starts. False when a connection is gone.
-    bool SendEvent(uint32_t seq, bool in_camera, uint64_t* service_at, uint64_t* relay_at);
+    // Writes the event messages of seqs[0..count) (the in total, on the in
+    // camera, or the out total is the seq) in one write per connection, as a
+    // camera's network stack does when events come faster than they leave.
+    // The order of the two writes alternates; each is timed just before it
+    // starts. False when a connection is gone.
+    bool SendEvents(const uint32_t* seqs, size_t count, bool in_camera, uint64_t* service_at,
+                    uint64_t* relay_at);
 
     // Closes the connections and the listeners.
     void Close();
@@ -39,6 +42,7 @@ public:
 
 private:
     bool Accept(int listener, int timeout_ms, int* fd, std::string* why);
+    static void AppendEvent(uint32_t seq, bool in_camera, std::string* out);
 
     int service_port_;
     int relay_port_;
@@ -46,6 +50,8 @@ private:
     int relay_listener_ = -1;
     int service_fd_ = -1;
     int relay_fd_ = -1;
+    std::string batch_;
+    uint64_t batches_ = 0;
 };
 
 }  // namespace pplbench

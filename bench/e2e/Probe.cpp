@@ -59,6 +59,9 @@ bool SampleProcess(pid_t pid, ProcessSample* sample) {
     s.rss_kib = StatusField(base + "/status", "VmRSS");
     s.peak_rss_kib = StatusField(base + "/status", "VmHWM");
     s.threads = static_cast<int>(StatusField(base + "/status", "Threads"));
+    s.pss_kib = StatusField(base + "/smaps_rollup", "Pss");
+    s.private_kib = StatusField(base + "/smaps_rollup", "Private_Clean") +
+                    StatusField(base + "/smaps_rollup", "Private_Dirty");
     *sample = s;
     return ok && s.rss_kib >= 0;
 }

@@ -15,6 +15,8 @@ struct ProcessSample {
     uint64_t involuntary = 0;  // context switches by preemption
     long rss_kib = 0;
     long peak_rss_kib = 0;
+    long pss_kib = 0;      // shared pages divided among their users
+    long private_kib = 0;  // pages of this process alone
     int threads = 0;
 };
 

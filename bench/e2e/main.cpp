@@ -37,6 +37,7 @@ const int kInRelayPort = 9001, kOutRelayPort = 9002;
 const int kStartTimeoutMs = 10000;
 const double kMaxSustainedP99Ms = 20.0;
 const double kMinAchievedShare = 0.95;
+const size_t kMaxBatch = 32;
 
 struct Options {
     std::string service;
@@ -59,14 +60,13 @@ struct Latency {
 struct Phase {
     Latency path[2];
     double achieved_rate = 0;
-    bool sent_all = true;
 };
 
 struct RunResult {
     std::string error;
     double startup_ms = 0;
     double idle_cpu_pct = 0, idle_wakeups = 0, idle_preempted = 0;
-    long idle_rss_kib = 0, peak_rss_kib = 0;
+    long idle_rss_kib = 0, peak_rss_kib = 0, idle_pss_kib = 0, idle_private_kib = 0;
     int threads = 0;
     Phase paced, burst;
     int max_rate[2][2] = {{0, 0}, {0, 0}};  // [one camera, both][path]
@@ -249,8 +249,13 @@ private:
             [&] { ok[1] = cams_[1].AwaitSubscription(kStartTimeoutMs, &subscribed[1], &whys[1]); });
         ok[0] = cams_[0].AwaitSubscription(kStartTimeoutMs, &subscribed[0], &whys[0]);
         other.join();
-        if (!ok[0] || !ok[1])
-            return Fail("service did not subscribe: " + whys[ok[0] ? 1 : 0]);
+        if (!ok[0] || !ok[1]) {
+            std::ifstream err("/tmp/pplcounter.err");
+            std::string first_line;
+            std::getline(err, first_line);
+            return Fail("service did not subscribe: " + whys[ok[0] ? 1 : 0] +
+                        (first_line.empty() ? "" : "; its standard error: " + first_line));
+        }
         result_.startup_ms = (std::max(subscribed[0], subscribed[1]) - t0) / 1e6;
         long types[2] = {kRelayInType, kRelayOutType};
         for (int cam = 0; cam < 2; ++cam) {
@@ -278,6 +283,8 @@ private:
         result_.idle_wakeups = (b.voluntary - a.voluntary) / seconds;
         result_.idle_preempted = (b.involuntary - a.involuntary) / seconds;
         result_.idle_rss_kib = b.rss_kib;
+        result_.idle_pss_kib = b.pss_kib;
+        result_.idle_private_kib = b.private_kib;
         result_.threads = b.threads;
         return true;
     }
@@ -290,30 +297,54 @@ private:
     }
 
     // Sends the events at rate per second (0: back to back), waits for their
-    // counts by both paths and works out the latencies.
+    // counts by both paths and works out the latencies. The events that are
+    // due when the sender gets to them go out together, at most kMaxBatch.
     bool Measure(const std::vector<Cam>& cams, double rate, Phase* phase) {
         std::vector<std::pair<Cam, uint32_t>> events;
         uint64_t start = NowNs();
         double period_ns = rate > 0 ? 1e9 / rate : 0;
-        for (size_t i = 0; i < cams.size(); ++i) {
-            if (period_ns > 0)
-                SleepUntil(start + static_cast<uint64_t>(i * period_ns));
-            Cam cam = cams[i];
-            uint32_t seq = ++seq_[cam];
-            if (seq > max_seq_)
-                return Fail("more events than planned");
-            if (!cams_[cam].SendEvent(seq, cam == kInCam, &sent_at_[kService][cam][seq],
-                                      &sent_at_[kRelay][cam][seq])) {
-                phase->sent_all = false;
-                return Fail("a camera connection was lost");
+        size_t next = 0;
+        while (next < cams.size()) {
+            uint64_t due = start + static_cast<uint64_t>(next * period_ns);
+            if (NowNs() < due)
+                SleepUntil(due);
+            uint64_t now = NowNs();
+            std::vector<uint32_t> batch[2];
+            size_t end = next;
+            while (end < cams.size() && end - next < kMaxBatch &&
+                   start + static_cast<uint64_t>(end * period_ns) <= now) {
+                Cam cam = cams[end++];
+                batch[cam].push_back(++seq_[cam]);
+                events.push_back({cam, seq_[cam]});
             }
-            events.push_back({cam, seq});
+            if (!SendBatches(batch))
+                return false;
+            next = end;
         }
         uint64_t end = NowNs();
         phase->achieved_rate = cams.size() / ((end - start) / 1e9);
         AwaitDelivery(events);
         for (Path path : {kService, kRelay})
             phase->path[path] = Latencies(events, path);
+        return true;
+    }
+
+    bool SendBatches(const std::vector<uint32_t> (&batch)[2]) {
+        for (Cam cam : {kInCam, kOutCam}) {
+            if (batch[cam].empty())
+                continue;
+            if (batch[cam].back() > max_seq_)
+                return Fail("more events than planned");
+            uint64_t service_at = 0, relay_at = 0;
+            if (!cams_[cam].SendEvents(batch[cam].data(), batch[cam].size(), cam == kInCam,
+                                       &service_at, &relay_at)) {
+                return Fail("a camera connection was lost");
+            }
+            for (uint32_t seq : batch[cam]) {
+                sent_at_[kService][cam][seq] = service_at;
+                sent_at_[kRelay][cam][seq] = relay_at;
+            }
+        }
         return true;
     }
 
@@ -502,12 +533,17 @@ void PrintSummary(const Options& opt, const std::vector<RunResult>& runs, long s
     double rss = med([](const RunResult& r) { return static_cast<double>(r.idle_rss_kib); });
     printf(
         "idle, both cameras connected (%.0f s): CPU %.3f %% of one core (<= 0.1: %s), "
-        "%.1f wake-ups/s (<= 25: %s), %.1f preemptions/s, RSS %.0f KiB (<= 3072: %s), "
-        "peak RSS %.0f KiB, threads %.0f\n",
+        "%.1f wake-ups/s (<= 25: %s), %.1f preemptions/s, threads %.0f\n",
         opt.idle_seconds, cpu, Verdict(cpu <= 0.1), wakeups, Verdict(wakeups <= 25),
-        med([](const RunResult& r) { return r.idle_preempted; }), rss, Verdict(rss <= 3072),
-        med([](const RunResult& r) { return static_cast<double>(r.peak_rss_kib); }),
+        med([](const RunResult& r) { return r.idle_preempted; }),
         med([](const RunResult& r) { return static_cast<double>(r.threads); }));
+    printf(
+        "memory: RSS %.0f KiB (<= 3072: %s), of it private %.0f KiB; PSS %.0f KiB; "
+        "peak RSS after the load %.0f KiB\n",
+        rss, Verdict(rss <= 3072),
+        med([](const RunResult& r) { return static_cast<double>(r.idle_private_kib); }),
+        med([](const RunResult& r) { return static_cast<double>(r.idle_pss_kib); }),
+        med([](const RunResult& r) { return static_cast<double>(r.peak_rss_kib); }));
     char title[160];
     snprintf(title, sizeof(title), "paced: %d events at %d events/s, cameras alternating",
              opt.paced_events, opt.paced_rate);
@@ -591,10 +627,13 @@ int Main(int argc, char** argv) {
         return 1;
     }
     std::string why;
-    if (!EnterPrivateNamespaces(&why) || !RaiseQueueCapacity(kQueueCapacity, &why)) {
+    if (!EnterPrivateNamespaces(&why)) {
         fprintf(stderr, "pplbench: %s\n", why.c_str());
         return 1;
     }
+    if (!RaiseQueueCapacity(kQueueCapacity, &why))
+        fprintf(stderr, "pplbench: %s; a slow reader may make the service drop events\n",
+                why.c_str());
     prctl(PR_SET_TIMERSLACK, 1UL);
     signal(SIGPIPE, SIG_IGN);
     int queue = msgget(kQueueKey, IPC_CREAT | 0777);

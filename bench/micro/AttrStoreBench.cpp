@@ -12,8 +12,13 @@ namespace {
 class StatusFile {
 public:
     StatusFile() {
-        char dir[] = "/tmp/pplmicro-XXXXXX";
-        dir_ = mkdtemp(dir) != nullptr ? dir : "/tmp";
+        // The status file lives on a RAM file system on the recorder.
+        char shm[] = "/dev/shm/pplmicro-XXXXXX";
+        char tmp[] = "/tmp/pplmicro-XXXXXX";
+        const char* dir = mkdtemp(shm);
+        if (dir == nullptr)
+            dir = mkdtemp(tmp);
+        dir_ = dir != nullptr ? dir : ".";
         path_ = dir_ + "/PPLCounter.ini";
     }
     virtual ~StatusFile() {

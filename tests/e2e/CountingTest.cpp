@@ -137,6 +137,9 @@ TEST_F(LapiService, ConfigChangeReloadsRepeatsEventsPushesAndReconnectsOnlyTheMo
     const std::string text =
         "action=ppl_setdata&Reset=0&TimeReset=1&Type=time&Hour=23&Min=5&Sec=0&Sensitivity=4"
         "&ReportTime=60";
+    // The push runs on the service's loop while the moved camera's counter
+    // reconnects on its own thread: wait for both.
+    EXPECT_TRUE(WaitFor(3000, [&] { return moved_ctl.SettingsReceived().size() == 1; }));
     EXPECT_EQ(in_ctl_->SettingsReceived(), std::vector<std::string>{text});
     EXPECT_EQ(moved_ctl.SettingsReceived(), std::vector<std::string>{text});
     // The in camera keeps its one connection; settings go on fresh ones.

@@ -10,10 +10,10 @@ namespace {
 
 using camsim::Subscribe;
 
-TEST_F(FaultTest, RefusedRejectedAndUnansweredSubscriptionsAreRetriedUntilTheCameraAnswers) {
+TEST_F(FaultTest, RefusedAndRejectedSubscriptionsAreRetriedUntilTheCameraAnswers) {
     in_cam_->SetRefusing(true);
     ASSERT_TRUE(h_->StartService());
-    ASSERT_TRUE(out_cam_->WaitForSubscribers(1, 8000)) << h_->Stderr();
+    ASSERT_TRUE(out_cam_->WaitForSubscribers(1, 8000)) << Excerpt(h_->Stderr());
     ASSERT_TRUE(WaitFor(6000, [&] {
         return h_->Stderr().find("connect is failed, errno:111") != std::string::npos;
     }));
@@ -24,17 +24,9 @@ TEST_F(FaultTest, RefusedRejectedAndUnansweredSubscriptionsAreRetriedUntilTheCam
     in_cam_->SetSubscribe(Subscribe::Unauthorized);
     in_cam_->SetRefusing(false);
     ASSERT_TRUE(WaitFor(8000, [&] { return Subscriptions(*in_cam_) >= 2; }));
-    ExpectAlive("401 answers");
-
-    // Accepted and never answered: the receive time-out ends the attempt
-    // while the loop goes on answering.
-    in_cam_->SetSubscribe(Subscribe::Silent);
-    int asked = Subscriptions(*in_cam_);
-    ASSERT_TRUE(WaitFor(5000, [&] { return Subscriptions(*in_cam_) > asked; }));
-    EXPECT_EQ(h_->Command("action=ppl_get_service_status", 1000),
-              "reply=success&in0=disconnect&out0=connect");
+    ASSERT_NO_FATAL_FAILURE(ExpectAlive("401 answers"));
     in_cam_->SetSubscribe(Subscribe::Ok);
-    ASSERT_TRUE(in_cam_->WaitForSubscribers(1, 20000)) << h_->Stderr();
+    ASSERT_TRUE(in_cam_->WaitForSubscribers(1, 8000)) << Excerpt(h_->Stderr());
 
     in_cam_->Walk(3, 0);
     EXPECT_TRUE(h_->WaitEvent(ExpectedCountEvent()));
@@ -43,36 +35,63 @@ TEST_F(FaultTest, RefusedRejectedAndUnansweredSubscriptionsAreRetriedUntilTheCam
     ExpectCleanStop();
 }
 
-TEST_F(FaultTest, BrokenSubscriptionAnswersAreRetried) {
-    StartCounting();
+// Longer than the others: the camera connection's 10 s receive time-out is
+// what ends the attempt.
+TEST_F(FaultTest, AnUnansweredSubscriptionEndsAtItsTimeOutWhileCommandsAreAnswered) {
+    in_cam_->SetSubscribe(Subscribe::Silent);
+    ASSERT_TRUE(h_->StartService());
+    ASSERT_TRUE(out_cam_->WaitForSubscribers(1, 8000)) << Excerpt(h_->Stderr());
+    ASSERT_TRUE(in_cam_->WaitForRequests(1, 5000));
+    EXPECT_EQ(h_->Command("action=ppl_get_service_status", 1000),
+              "reply=success&in0=disconnect&out0=connect");
+    in_cam_->SetSubscribe(Subscribe::Ok);
+    ASSERT_TRUE(in_cam_->WaitForSubscribers(1, 20000)) << Excerpt(h_->Stderr());
     in_cam_->Walk(2, 0);
-    out_cam_->Walk(0, 1);
-    // Both cameras at once, a different broken answer each, one attempt apiece.
-    const std::vector<std::pair<Subscribe, Subscribe>> steps = {
-        {Subscribe::CloseMidHead, Subscribe::Garbage},
-        {Subscribe::OkWithoutBody, Subscribe::OkZeroLength},
-        {Subscribe::OkShortBody, Subscribe::OkHugeBody},
-        {Subscribe::LongHeaderLine, Subscribe::CloseAtOnce},
-    };
-    in_cam_->DropConnections();
-    out_cam_->DropConnections();
+    EXPECT_TRUE(h_->WaitEvent(ExpectedCountEvent()));
+    ASSERT_NO_FATAL_FAILURE(ExpectAlive("an unanswered subscription"));
+    ExpectCleanStop();
+}
+
+// Both cameras at once, a different broken answer each, one attempt apiece;
+// then normal answers, and counting as before.
+void BrokenAnswers(FaultTest& t, camsim::Camera& in_cam, camsim::Camera& out_cam,
+                   const std::vector<std::pair<Subscribe, Subscribe>>& steps) {
+    in_cam.Walk(2, 0);
+    out_cam.Walk(0, 1);
+    in_cam.DropConnections();
+    out_cam.DropConnections();
     for (const auto& step : steps) {
         // Set first: a request recorded after this gets the new answer.
-        in_cam_->SetSubscribe(step.first);
-        out_cam_->SetSubscribe(step.second);
-        int in_asked = Subscriptions(*in_cam_);
-        int out_asked = Subscriptions(*out_cam_);
+        in_cam.SetSubscribe(step.first);
+        out_cam.SetSubscribe(step.second);
+        int in_asked = Subscriptions(in_cam);
+        int out_asked = Subscriptions(out_cam);
         ASSERT_TRUE(WaitFor(8000, [&] {
-            return Subscriptions(*in_cam_) > in_asked && Subscriptions(*out_cam_) > out_asked;
-        })) << h_->Stderr();
-        ExpectAlive("a broken subscription answer");
+            return Subscriptions(in_cam) > in_asked && Subscriptions(out_cam) > out_asked;
+        }));
+        ASSERT_NO_FATAL_FAILURE(t.ExpectAlive("a broken subscription answer"));
     }
-    in_cam_->SetSubscribe(Subscribe::Ok);
-    out_cam_->SetSubscribe(Subscribe::Ok);
-    ASSERT_TRUE(in_cam_->WaitForSubscribers(1, 8000));
-    ASSERT_TRUE(out_cam_->WaitForSubscribers(1, 8000));
-    EXPECT_TRUE(CountsRecover());
-    EXPECT_TRUE(StatusRecovers());
+    in_cam.SetSubscribe(Subscribe::Ok);
+    out_cam.SetSubscribe(Subscribe::Ok);
+    ASSERT_TRUE(in_cam.WaitForSubscribers(1, 8000));
+    ASSERT_TRUE(out_cam.WaitForSubscribers(1, 8000));
+    EXPECT_TRUE(t.CountsRecover());
+    EXPECT_TRUE(t.StatusRecovers());
+}
+
+TEST_F(FaultTest, SubscriptionAnswersCutShortOrGarbledAreRetried) {
+    StartCounting();
+    BrokenAnswers(*this, *in_cam_, *out_cam_,
+                  {{Subscribe::CloseMidHead, Subscribe::Garbage},
+                   {Subscribe::CloseAtOnce, Subscribe::OkShortBody}});
+    ExpectCleanStop();
+}
+
+TEST_F(FaultTest, SubscriptionAnswersWithoutOrWithOversizedPartsAreRetried) {
+    StartCounting();
+    BrokenAnswers(*this, *in_cam_, *out_cam_,
+                  {{Subscribe::OkWithoutBody, Subscribe::OkZeroLength},
+                   {Subscribe::LongHeaderLine, Subscribe::OkHugeBody}});
     ExpectCleanStop();
 }
 
@@ -116,8 +135,8 @@ TEST_F(FaultTest, BrokenEventMessagesAreDroppedAndCountingGoesOn) {
         in_cam_->SendRaw(fault.bytes);
         if (fault.then_close)
             in_cam_->DropConnections();
-        ExpectAlive(fault.name);
-        EXPECT_TRUE(CountsRecover()) << fault.name << "\n" << h_->Stderr();
+        ASSERT_NO_FATAL_FAILURE(ExpectAlive(fault.name));
+        EXPECT_TRUE(CountsRecover()) << fault.name << "\n" << Excerpt(h_->Stderr());
     }
     EXPECT_GT(in_cam_->AcceptedConnections(), 5) << "broken messages end the connection";
 
@@ -145,7 +164,7 @@ TEST_F(FaultTest, CameraRestartingWithItsTotalsBackAtZeroIsTakenAsItComes) {
     EXPECT_TRUE(h_->WaitEvent("event=ppl_count&in0=1&out0=2&stayin0=-1"));
     EXPECT_TRUE(h_->WaitStatus("PPL.StayIn0.Count", "-1"));
     EXPECT_EQ(h_->Status()["PPL.StayIn0.Status"], "Under");
-    ExpectAlive("a camera restart");
+    ASSERT_NO_FATAL_FAILURE(ExpectAlive("a camera restart"));
     ExpectCleanStop();
 }
 

@@ -42,19 +42,22 @@ TEST_F(FaultTest, CamerasCountWhileReloadsCommandsAndModuleEventsRun) {
                 break;
             case 4:
                 h_->SendModuleEvent("event=del_camera&ch=0");
-                EXPECT_EQ(h_->Command("action=ppl_get_service_status").rfind("reply=success", 0), 0u);
+                EXPECT_EQ(h_->Command("action=ppl_get_service_status").rfind("reply=success", 0),
+                          0u);
                 h_->SendModuleEvent("event=add_camera&ch=0");
                 break;
             default:
                 in_cam_->DropConnections();
-                EXPECT_EQ(h_->Command("action=ppl_get_service_status").rfind("reply=success", 0), 0u);
+                EXPECT_EQ(h_->Command("action=ppl_get_service_status").rfind("reply=success", 0),
+                          0u);
                 break;
         }
         h_->ForgetEvents();
         while (!h_->NextEvent(0).empty()) {
         }
+        ASSERT_NO_FATAL_FAILURE(AssertRunning("round " + std::to_string(round)));
     }
-    ExpectAlive("the storm");
+    ASSERT_NO_FATAL_FAILURE(ExpectAlive("the storm"));
 
     in_cam_->StopWalking();
     out_cam_->StopWalking();

@@ -1,5 +1,6 @@
 #include "FaultFixture.h"
 
+#include <algorithm>
 #include <csignal>
 
 namespace ppltest {
@@ -7,6 +8,16 @@ namespace ppltest {
 bool SanitizerSpoke(const std::string& output) {
     return output.find("Sanitizer") != std::string::npos ||
            output.find("runtime error:") != std::string::npos;
+}
+
+std::string Excerpt(const std::string& output) {
+    const size_t kMax = 12000;
+    size_t from = std::string::npos;
+    for (const char* mark : {"WARNING: ThreadSanitizer", "ERROR: ", "runtime error:"})
+        from = std::min(from, output.find(mark));
+    if (from == std::string::npos)
+        from = output.size() > kMax ? output.size() - kMax : 0;
+    return output.substr(from, kMax);
 }
 
 int Subscriptions(camsim::Camera& camera) {
@@ -39,8 +50,8 @@ void FaultTest::TearDown() {
 
 void FaultTest::StartCounting() {
     ASSERT_TRUE(h_->StartService());
-    ASSERT_TRUE(in_cam_->WaitForSubscribers(1, 8000)) << h_->Stderr();
-    ASSERT_TRUE(out_cam_->WaitForSubscribers(1, 8000)) << h_->Stderr();
+    ASSERT_TRUE(in_cam_->WaitForSubscribers(1, 8000)) << Excerpt(h_->Stderr());
+    ASSERT_TRUE(out_cam_->WaitForSubscribers(1, 8000)) << Excerpt(h_->Stderr());
     ASSERT_TRUE(h_->WaitStatus("PPL.In0.Status", "connect", 8000));
     ASSERT_TRUE(h_->WaitStatus("PPL.Out0.Status", "connect", 8000));
 }
@@ -70,16 +81,21 @@ bool FaultTest::StatusRecovers(int timeout_ms) {
     });
 }
 
+void FaultTest::AssertRunning(const std::string& during) {
+    ASSERT_TRUE(h_->Service().Running()) << "ended during " << during << "\n"
+                                         << Excerpt(h_->Stderr());
+}
+
 void FaultTest::ExpectAlive(const std::string& after) {
-    ASSERT_TRUE(h_->Service().Running()) << "ended after " << after << "\n" << h_->Stderr();
+    AssertRunning(after);
     EXPECT_EQ(h_->Command("action=ppl_get_service_status").rfind("reply=success&in0=", 0), 0u)
         << "no answer after " << after;
-    EXPECT_FALSE(SanitizerSpoke(h_->Stderr())) << after << "\n" << h_->Stderr();
+    EXPECT_FALSE(SanitizerSpoke(h_->Stderr())) << after << "\n" << Excerpt(h_->Stderr());
 }
 
 void FaultTest::ExpectCleanStop() {
-    EXPECT_EQ(h_->StopService(SIGTERM, 5000), 0) << h_->Stderr();
-    EXPECT_FALSE(SanitizerSpoke(h_->Stderr())) << h_->Stderr();
+    EXPECT_EQ(h_->StopService(SIGTERM, 5000), 0) << Excerpt(h_->Stderr());
+    EXPECT_FALSE(SanitizerSpoke(h_->Stderr())) << Excerpt(h_->Stderr());
 }
 
 }  // namespace ppltest

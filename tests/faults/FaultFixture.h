@@ -15,6 +15,9 @@ namespace ppltest {
 
 // True when a sanitizer reported anything in this output.
 bool SanitizerSpoke(const std::string& output);
+// What of a long output explains a failure: the sanitizer's report if there
+// is one, else the last lines.
+std::string Excerpt(const std::string& output);
 
 // The count of subscription requests a camera received.
 int Subscriptions(camsim::Camera& camera);
@@ -23,6 +26,15 @@ int Subscriptions(camsim::Camera& camera);
 // service around them, plus the checks every fault ends with: the service
 // still runs and answers, and the counts are right again.
 class FaultTest : public ::testing::Test {
+public:
+    // Sends both cameras' totals until their count event arrives; false on
+    // time-out.
+    bool CountsRecover(int timeout_ms = 15000);
+    // The status file shows the cameras' current totals.
+    bool StatusRecovers(int timeout_ms = 4000);
+    // The service runs, answers a command and no sanitizer reported.
+    void ExpectAlive(const std::string& after);
+
 protected:
     void SetUp() override;
     void TearDown() override;
@@ -31,12 +43,8 @@ protected:
     void StartCounting();
     // The count event the cameras' current totals must give.
     std::string ExpectedCountEvent();
-    // Sends both cameras' totals until that event arrives; false on time-out.
-    bool CountsRecover(int timeout_ms = 15000);
-    // The status file shows the cameras' current totals.
-    bool StatusRecovers(int timeout_ms = 4000);
-    // The service runs, answers a command and no sanitizer reported.
-    void ExpectAlive(const std::string& after);
+    // The service has not ended (a sanitizer ends it at its first report).
+    void AssertRunning(const std::string& during);
     // Ends with SIGTERM: exit status 0 and no sanitizer report.
     void ExpectCleanStop();
 

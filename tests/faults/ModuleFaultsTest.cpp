@@ -80,11 +80,11 @@ TEST_F(FaultTest, QueueToTheModuleMissingAtStartThenAppearing) {
     StartCounting();
     in_cam_->Walk(2, 0);
     EXPECT_TRUE(StatusRecovers()) << "counting goes on while events are lost";
-    ExpectAlive("sending to a missing queue");
+    ASSERT_NO_FATAL_FAILURE(ExpectAlive("sending to a missing queue"));
 
     NEventMQ late(259, true);
     in_cam_->Walk(1, 0);
-    EXPECT_TRUE(QueueDelivers(late, ExpectedCountEvent())) << h_->Stderr();
+    EXPECT_TRUE(QueueDelivers(late, ExpectedCountEvent())) << Excerpt(h_->Stderr());
     ExpectCleanStop();
 }
 
@@ -98,7 +98,7 @@ TEST_F(FaultTest, QueueToTheModuleFullThenDrained) {
     ASSERT_LT(sent, 10000) << "the queue never filled";
     in_cam_->Walk(2, 0);
     EXPECT_TRUE(StatusRecovers());
-    ExpectAlive("a full queue");
+    ASSERT_NO_FATAL_FAILURE(ExpectAlive("a full queue"));
 
     while (!h_->NextEvent(300).empty()) {
     }
@@ -122,9 +122,10 @@ TEST_F(FaultTest, ModuleEventsOversizedEmptyBinaryOrOutOfRange) {
     ASSERT_EQ(msgsnd(msgget(601, 0), &record, sizeof(record.text), IPC_NOWAIT), 0);
     // Empty, binary and channels that name no counter.
     for (const std::string& text :
-         {std::string(), std::string("\x01\xff=&&=\0\x7f", 8), std::string("event=add_camera&ch=33"),
-          std::string("event=del_camera&ch=33"), std::string("event=add_camera&ch=-1"),
-          std::string("event=del_camera&ch=4294967295"), std::string("ch=1&event")}) {
+         {std::string(), std::string("\x01\xff=&&=\0\x7f", 8),
+          std::string("event=add_camera&ch=33"), std::string("event=del_camera&ch=33"),
+          std::string("event=add_camera&ch=-1"), std::string("event=del_camera&ch=4294967295"),
+          std::string("ch=1&event")}) {
         ASSERT_TRUE(h_->SendModuleEvent(text));
     }
     const std::string marker = PaddedTo("event=marker", 255);
@@ -135,7 +136,7 @@ TEST_F(FaultTest, ModuleEventsOversizedEmptyBinaryOrOutOfRange) {
     EXPECT_EQ(h_->Stderr().find("receive event => event=del_camera&ch=1&pad"), std::string::npos);
     EXPECT_EQ(out_cam_->Subscribers(), 1);
     EXPECT_EQ(out_cam_->AcceptedConnections(), out_connections);
-    ExpectAlive("odd module events");
+    ASSERT_NO_FATAL_FAILURE(ExpectAlive("odd module events"));
 
     ASSERT_TRUE(h_->SendModuleEvent("event=del_camera&ch=1"));
     EXPECT_TRUE(WaitFor(5000, [&] { return out_cam_->Subscribers() == 0; }));
@@ -167,7 +168,7 @@ TEST_F(FaultTest, CommandsHugeEmptyBinaryUnanswerableAndInBursts) {
             return h_->Stderr().find("NCommandIPC send error") != std::string::npos;
         }));
     }
-    ExpectAlive("odd commands");
+    ASSERT_NO_FATAL_FAILURE(ExpectAlive("odd commands"));
 
     // As many as the socket takes; every one is answered, ten a second.
     int accepted = 0;

@@ -46,23 +46,23 @@ TEST_F(FaultTest, ConfigurationMissingGarbageUnreadableOrHuge) {
     ASSERT_TRUE(h_->StartService());
     EXPECT_TRUE(h_->WaitEvent("event=ppl_enable&enable=0"));
     EXPECT_TRUE(WaitFor(3000, [&] { return Exists(ini); })) << "created empty";
-    ExpectAlive("no configuration");
+    ASSERT_NO_FATAL_FAILURE(ExpectAlive("no configuration"));
 
     auto reload = [&](const std::string& what, const std::string& enable) {
         h_->ForgetEvents();
         EXPECT_EQ(h_->Command("action=ppl_config_change"), "reply=success") << what;
         EXPECT_TRUE(h_->WaitEvent("event=ppl_enable&enable=" + enable, 8000)) << what;
-        ExpectAlive(what);
+        ASSERT_NO_FATAL_FAILURE(ExpectAlive(what));
     };
     ASSERT_TRUE(WriteWholeFile(ini, Garbage(65536, 3)));
-    reload("a garbage configuration", "0");
+    ASSERT_NO_FATAL_FAILURE(reload("a garbage configuration", "0"));
     ASSERT_EQ(unlink(ini.c_str()), 0);
     ASSERT_EQ(mkdir(ini.c_str(), 0755), 0);
-    reload("an unreadable configuration", "0");
+    ASSERT_NO_FATAL_FAILURE(reload("an unreadable configuration", "0"));
     ASSERT_EQ(rmdir(ini.c_str()), 0);
 
     ASSERT_TRUE(WriteWholeFile(ini, HugeConfig(config_)));
-    reload("a huge configuration", "1");
+    ASSERT_NO_FATAL_FAILURE(reload("a huge configuration", "1"));
     ASSERT_TRUE(in_cam_->WaitForSubscribers(1, 8000));
     ASSERT_TRUE(out_cam_->WaitForSubscribers(1, 8000));
     in_cam_->Walk(2, 0);
@@ -73,11 +73,12 @@ TEST_F(FaultTest, ConfigurationMissingGarbageUnreadableOrHuge) {
     // until the file can be read again.
     ASSERT_EQ(unlink(ini.c_str()), 0);
     ASSERT_EQ(mkdir(ini.c_str(), 0755), 0);
-    reload("an unreadable configuration while counting", "0");
-    EXPECT_TRUE(WaitFor(5000, [&] { return in_cam_->Subscribers() + out_cam_->Subscribers() == 0; }));
+    ASSERT_NO_FATAL_FAILURE(reload("an unreadable configuration while counting", "0"));
+    EXPECT_TRUE(
+        WaitFor(5000, [&] { return in_cam_->Subscribers() + out_cam_->Subscribers() == 0; }));
     ASSERT_EQ(rmdir(ini.c_str()), 0);
     h_->WriteConfig(config_);
-    reload("the configuration restored", "1");
+    ASSERT_NO_FATAL_FAILURE(reload("the configuration restored", "1"));
     ASSERT_TRUE(in_cam_->WaitForSubscribers(1, 8000));
     ASSERT_TRUE(out_cam_->WaitForSubscribers(1, 8000));
     in_cam_->Walk(1, 0);
@@ -104,8 +105,9 @@ TEST_F(FaultTest, StatusFileDeletedEditedOrNotWritable) {
     for (int attempt = 0; attempt < 3 && edited["OTHER.Key"] != "kept"; ++attempt) {
         // An edit that lands between the service's read and its write is
         // lost, as with any writer of the file; it is simply made again.
-        ASSERT_TRUE(WriteWholeFile(status, "PPL.In0.Count = 999\nPPL.Enable = 0\nOTHER.Key = kept\n"
-                                           "PPL.StayIn0.Over = 77\n\x01\x02 garbage\r\n\r\n"));
+        ASSERT_TRUE(WriteWholeFile(status,
+                                   "PPL.In0.Count = 999\nPPL.Enable = 0\nOTHER.Key = kept\n"
+                                   "PPL.StayIn0.Over = 77\n\x01\x02 garbage\r\n\r\n"));
         EXPECT_TRUE(StatusRecovers());
         EXPECT_TRUE(h_->WaitStatus("PPL.Enable", "1"));
         edited = h_->Status();
@@ -123,7 +125,7 @@ TEST_F(FaultTest, StatusFileDeletedEditedOrNotWritable) {
         << strerror(errno);
     in_cam_->Walk(1, 0);
     EXPECT_TRUE(h_->WaitEvent(ExpectedCountEvent()));
-    ExpectAlive("/tmp read-only");
+    ASSERT_NO_FATAL_FAILURE(ExpectAlive("/tmp read-only"));
     EXPECT_FALSE(StatusRecovers(1500)) << "nothing can be written";
     ASSERT_EQ(umount2("/tmp", MNT_DETACH), 0) << strerror(errno);
     EXPECT_TRUE(StatusRecovers());

@@ -116,9 +116,9 @@ void TarnEndpoints::State::ServeCounting(Camera& camera, bool reset, Exchange& e
         in_flight->Enter();
     if (delay > 0)
         std::this_thread::sleep_for(std::chrono::milliseconds(delay));
-    if (status != 0) {
-        ex.Reply(status, "error\n", "text/plain");
-    } else {
+    int answer = status;
+    std::string body = "error\n";
+    if (status == 0) {
         if (reset)
             camera.SetTotals(0, 0);
         Totals totals = camera.GetTotals();
@@ -126,10 +126,14 @@ void TarnEndpoints::State::ServeCounting(Camera& camera, bool reset, Exchange& e
             std::lock_guard<std::mutex> guard(lock);
             (reset ? reset_requests : totals_requests)++;
         }
-        ex.Reply(200, TotalsBody(totals), "text/plain");
+        answer = 200;
+        body = TotalsBody(totals);
     }
+    // Left before answering: a client holding the answer may send its next
+    // request at once, and that one must not look like an overlap.
     if (in_flight)
         in_flight->Leave();
+    ex.Reply(answer, body, "text/plain");
 }
 
 void TarnEndpoints::State::ServeSettings(const Request& req, Exchange& ex) {
