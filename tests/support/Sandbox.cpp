@@ -135,6 +135,23 @@ std::vector<std::string> ThroughEmulator(const std::vector<std::string>& argv) {
     return words;
 }
 
+// The environment for a child. A program started through /proc/self/fd (the
+// build tree under a covered /tmp) finds its shared libraries there: the
+// loader would look for $ORIGIN under the covered path.
+std::vector<std::string> ChildEnvironment(const std::string& program) {
+    std::vector<std::string> env;
+    for (char** e = environ; *e != nullptr; ++e) {
+        if (strncmp(*e, "LD_LIBRARY_PATH=", 16) != 0) env.push_back(*e);
+    }
+    const std::string fd_prefix = "/proc/self/fd/";
+    if (program.compare(0, fd_prefix.size(), fd_prefix) == 0) {
+        env.push_back("LD_LIBRARY_PATH=" + program.substr(0, program.rfind('/')));
+    } else if (const char* old = getenv("LD_LIBRARY_PATH")) {
+        env.push_back(std::string("LD_LIBRARY_PATH=") + old);
+    }
+    return env;
+}
+
 std::vector<char*> ExecArgs(const std::vector<std::string>& argv) {
     std::vector<char*> args;
     for (const std::string& a : argv)
@@ -207,6 +224,8 @@ bool Child::Start(const std::vector<std::string>& argv, const std::string& dir) 
     std::vector<char*> args = ExecArgs(argv);
     std::vector<std::string> emulated = ThroughEmulator(argv);
     std::vector<char*> emulated_args = ExecArgs(emulated);
+    std::vector<std::string> environment = ChildEnvironment(argv.empty() ? "" : argv[0]);
+    std::vector<char*> envp = ExecArgs(environment);
     pid_ = fork();
     if (pid_ < 0)
         return false;
@@ -224,11 +243,11 @@ bool Child::Start(const std::vector<std::string>& argv, const std::string& dir) 
         sigset_t none;
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);
-        execv(args[0], args.data());
+        execve(args[0], args.data(), envp.data());
         // A target program the kernel cannot start itself (no binfmt_misc
         // entry for the target processor) runs under the tests' emulator.
         if (errno == ENOEXEC && !emulated.empty())
-            execv(emulated_args[0], emulated_args.data());
+            execve(emulated_args[0], emulated_args.data(), envp.data());
         _exit(127);
     }
     reaped_ = false;

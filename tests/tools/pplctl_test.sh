@@ -6,6 +6,7 @@ src=$1
 # The build tree may live under /tmp: keep a handle on it before covering /tmp.
 exec 3<"$2"
 build=/proc/$$/fd/3
+export LD_LIBRARY_PATH=$build
 mount --make-rprivate /
 mount -t tmpfs tmpfs /tmp
 mount -t tmpfs tmpfs /opt
