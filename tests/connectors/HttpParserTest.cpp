@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -11,10 +10,9 @@
 
 namespace {
 
-const timeval kWait = {0, 100000};
+using Fields = std::map<std::string, std::string>;
 
-// A connected socket pair and a zeroed head buffer with a guard area behind
-// the part the reader is told about.
+// A connected socket pair; a zeroed guard area follows the head buffer.
 class HttpReader : public testing::Test {
 protected:
     void SetUp() override {
@@ -23,11 +21,10 @@ protected:
     }
     void TearDown() override {
         close(fds_[0]);
-        if (fds_[1] >= 0)
-            close(fds_[1]);
+        close(fds_[1]);
     }
     void UseBuffer(uint32_t size) {
-        storage_.assign(size + kGuard, '\0');
+        storage_.assign(size + 64, '\0');
         ctx_ = HTTP_CONTEXT();
         ctx_.buffer = storage_.data();
         ctx_.buffer_size = size;
@@ -35,49 +32,30 @@ protected:
     void Peer(const std::string& bytes) {
         ASSERT_EQ(static_cast<ssize_t>(bytes.size()), write(fds_[1], bytes.data(), bytes.size()));
     }
-    int Read() { return http_read_until_got_request(fds_[0], &ctx_, kWait); }
+    int Read() { return http_read_until_got_request(fds_[0], &ctx_, {0, 100000}); }
     std::string Rest() {
         char buf[256];
         ssize_t n = recv(fds_[0], buf, sizeof(buf), MSG_DONTWAIT);
         return n > 0 ? std::string(buf, static_cast<size_t>(n)) : "";
     }
-    bool GuardIntact() {
-        for (size_t i = ctx_.buffer_size; i < storage_.size(); ++i) {
-            if (storage_[i] != '\0')
-                return false;
-        }
-        return true;
-    }
 
-    static const size_t kGuard = 64;
     int fds_[2] = {-1, -1};
     std::vector<char> storage_;
     HTTP_CONTEXT ctx_;
 };
 
-TEST_F(HttpReader, ReadsHeadAndLeavesBodyOnSocket) {
-    Peer("POST /x HTTP/1.1\r\nContent-Length: 5\r\n\r\nhello");
-    EXPECT_EQ(39, Read());
-    EXPECT_EQ("POST", ctx_.method);
-    EXPECT_EQ("/x", ctx_.path);
-    EXPECT_EQ("", ctx_.query);
-    EXPECT_EQ("5", ctx_.headers["Content-Length"]);
-    EXPECT_EQ("hello", Rest());
-}
-
+// Both kinds of three-word first line with every head ending; the body stays.
 TEST_F(HttpReader, EveryWayAHeadCanEnd) {
-    const std::vector<std::string> endings = {"\n\n",     "\r\r",     "\r\n\n",
-                                              "\r\n\r\n", "\r\n\r\r", "\n\r\r"};
-    for (const std::string& end : endings) {
-        for (const std::string& first :
-             {std::string("GET /a HTTP/1.1"), std::string("GET /a x ")}) {
+    for (const char* end : {"\r\n\r\n", "\n\n", "\r\r", "\r\n\n", "\r\n\r\r", "\n\r\r"}) {
+        for (const char* first : {"POST /x HTTP/1.1", "POST /x x "}) {
             UseBuffer(HTTP_HEAD_BUFFER_SIZE);
-            std::string head = first + "\r\nA: 1" + end;
-            Peer(head + "BODY");
+            std::string head = std::string(first) + "\r\nContent-Length: 5" + end;
+            Peer(head + "hello");
             EXPECT_EQ(static_cast<int>(head.size()), Read()) << testing::PrintToString(head);
-            EXPECT_EQ("/a", ctx_.path);
-            EXPECT_EQ("1", ctx_.headers["A"]);
-            EXPECT_EQ("BODY", Rest());
+            EXPECT_EQ("POST", ctx_.method);
+            EXPECT_EQ("/x", ctx_.path);
+            EXPECT_EQ((Fields{{"Content-Length", "5"}}), ctx_.headers);
+            EXPECT_EQ("hello", Rest());
         }
     }
 }
@@ -85,9 +63,7 @@ TEST_F(HttpReader, EveryWayAHeadCanEnd) {
 TEST_F(HttpReader, TwoWordFirstLineEndsTheHeadAtOnce) {
     Peer("GET /only\r\nX: y\r\n\r\n");
     EXPECT_EQ(10, Read());
-    EXPECT_EQ("GET", ctx_.method);
     EXPECT_EQ("/only", ctx_.path);
-    EXPECT_TRUE(ctx_.headers.empty());
     EXPECT_EQ("\nX: y\r\n\r\n", Rest());
 }
 
@@ -97,31 +73,29 @@ TEST_F(HttpReader, MalformedFirstLines) {
         UseBuffer(HTTP_HEAD_BUFFER_SIZE);
         Peer(bad);
         EXPECT_EQ(-EPROTO, Read()) << bad;
-        EXPECT_EQ(11, ctx_.state);
         Rest();
     }
-    Peer("x");
-    EXPECT_EQ(-EPROTO, Read());  // the same context stays malformed
+    Peer("xy");
+    EXPECT_EQ(-EPROTO, Read());  // the same context stays malformed, one byte further
+    EXPECT_EQ("y", Rest());
 }
 
-TEST_F(HttpReader, QueryIsSplitAndDecoded) {
-    Peer("GET /a?b=1+2&c=%41;d&&b2=%7e HTTP/1.1\r\n\r\n");
+// Broken escapes are kept; header names as written, the last value wins.
+TEST_F(HttpReader, QueryAndHeaderFields) {
+    const std::string query = "b=1+2&c=%41;d&&b2=%7e%00;e=%zz%4";
+    Peer("GET /a?" + query + " HTTP/1.1\nX:   v\nX : w\nno colon\nY:\t\tz:z \nX: 2\n\n");
     ASSERT_GT(Read(), 0);
     EXPECT_EQ("/a", ctx_.path);
-    EXPECT_EQ("b=1+2&c=%41;d&&b2=%7e", ctx_.query);
-    std::map<std::string, std::string> expected = {
-        {"b", "1 2"}, {"c", "A"}, {"d", ""}, {"b2", "~"}};
-    EXPECT_EQ(expected, ctx_.params);
+    EXPECT_EQ(query, ctx_.query);
+    Fields params = {
+        {"b", "1 2"}, {"c", "A"}, {"d", ""}, {"b2", std::string("~\0", 2)}, {"e", "%zz%4"}};
+    EXPECT_EQ(params, ctx_.params);
+    EXPECT_EQ((Fields{{"X", "2"}, {"X ", "w"}, {"Y", "z:z "}}), ctx_.headers);
 }
 
-TEST_F(HttpReader, HeaderNamesAsWrittenValuesWithoutLeadingBlanks) {
-    Peer("GET / HTTP/1.1\nX:   v\nX : w\nno colon here\nY:\t\tz:z \nX: again\n\n");
-    ASSERT_GT(Read(), 0);
-    std::map<std::string, std::string> expected = {{"X", "again"}, {"X ", "w"}, {"Y", "z:z "}};
-    EXPECT_EQ(expected, ctx_.headers);
-}
-
-TEST_F(HttpReader, WaitWithoutBytesLeavesContextAsItWas) {
+// A wait without a byte keeps the context, also in the middle of a head,
+// which the next call then reads on.
+TEST_F(HttpReader, WaitWithoutBytesThenPeerClose) {
     EXPECT_EQ(0, Read());
     EXPECT_EQ(0u, ctx_.received);
     EXPECT_EQ(0, ctx_.state);
@@ -134,45 +108,22 @@ TEST_F(HttpReader, WaitWithoutBytesLeavesContextAsItWas) {
     EXPECT_EQ(state, ctx_.state);
     Peer(" HTTP/1.1\r\n\r\n");
     EXPECT_EQ(19, Read());
-}
-
-TEST_F(HttpReader, PeerCloseAndBadArguments) {
+    EXPECT_EQ("/a", ctx_.path);
+    UseBuffer(HTTP_HEAD_BUFFER_SIZE);
     Peer("GET /a HT");
-    close(fds_[1]);
-    fds_[1] = -1;
+    shutdown(fds_[1], SHUT_WR);
     EXPECT_EQ(-1, Read());
-    EXPECT_EQ(-EINVAL, http_read_until_got_request(-1, &ctx_, kWait));
-    EXPECT_EQ(-EINVAL, http_read_until_got_request(fds_[0], nullptr, kWait));
-    timeval negative = {-1, 0};
-    EXPECT_EQ(-EINVAL, http_read_until_got_request(fds_[0], &ctx_, negative));
 }
 
 TEST_F(HttpReader, OversizedHeadFailsWithinTheBuffer) {
     UseBuffer(64);
-    Peer("GET /a HTTP/1.1\r\nX: " + std::string(200, 'v') + "\r\n\r\n");
+    const std::string head = "GET /a HTTP/1.1\r\nX: " + std::string(200, 'v') + "\r\n\r\n";
+    Peer(head);
     EXPECT_EQ(-EMSGSIZE, Read());
     EXPECT_EQ(63u, ctx_.received);
-    EXPECT_EQ('\0', storage_[63]);
-    EXPECT_TRUE(GuardIntact());
-}
-
-TEST_F(HttpReader, ReadableWakeDescriptorEndsTheWait) {
-    int wake = eventfd(1, EFD_CLOEXEC);
-    ASSERT_GE(wake, 0);
-    timeval long_wait = {5, 0};
-    EXPECT_EQ(0, http_read_until_got_request(fds_[0], &ctx_, long_wait, wake));
-    close(wake);
-}
-
-TEST(UnescapeUrl, DecodesEscapesAndKeepsBrokenOnes) {
-    auto un = [](std::string s) { return unescape_url(&s[0]); };
-    EXPECT_EQ("Abc~j", un("%41%62c%7e%6A"));
-    EXPECT_EQ("a+b c", un("a+b c"));
-    EXPECT_EQ("%", un("%"));
-    EXPECT_EQ("x%4", un("x%4"));
-    EXPECT_EQ("%zz%4g", un("%zz%4g"));
-    EXPECT_EQ(std::string("a\0b", 3), un("a%00b"));
-    EXPECT_EQ("", unescape_url(nullptr));
+    EXPECT_EQ(std::vector<char>(65, '\0'),
+              std::vector<char>(storage_.begin() + 63, storage_.end()));
+    EXPECT_EQ(head.substr(63), Rest());
 }
 
 }  // namespace
