@@ -4,15 +4,15 @@
 #include <list>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "SAttr.h"
+#include "Sandbox.h"
 #include "TestFiles.h"
 #include "UFile.h"
-
-using commontest::FileText;
-using commontest::StderrCapture;
-using commontest::TempDir;
+#include "UTextParam.h"
+#include "UTextUtil.h"
 
 namespace {
 
@@ -30,44 +30,27 @@ std::string Saved(SAttr& attrs, bool space_before = true, bool space_after = tru
 
 }  // namespace
 
-TEST(AttrFormat, ParsesTrimsSkipsAndSavesWithoutFinalLineBreak) {
+TEST(AttrFormat, ParsesTrimsSkipsAndSavesInKeyOrderWithoutFinalLineBreak) {
     SAttr attrs = FileStore();
-    attrs.LoadMemory("B = 2\r\nA=1\n\nC=\n=5\nnoequals\nD==x\n[Section]\n");
-    EXPECT_EQ(attrs.GetRawData(), (Records{{"A", "1"}, {"B", "2"}, {"D", "=x"}}));
-    EXPECT_EQ(Saved(attrs), "A = 1\nB = 2\nD = =x");
-    EXPECT_EQ(Saved(attrs, false, false), "A=1\nB=2\nD==x");
-
+    attrs.LoadMemory(
+        "  B = 2 \t\r\nA=0\n\nC=\n=5\nnoequals\nD==x\n[Section]\n;X=1\n#Y=2\nA=1\nb=3\nAB=4");
+    EXPECT_EQ(Saved(attrs), "#Y = 2\n;X = 1\nA = 1\nAB = 4\nB = 2\nD = =x\nb = 3");
     std::string appended = "head:";
     attrs.SaveMemory(appended, false, true);
-    EXPECT_EQ(appended, "head:A= 1\nB= 2\nD= =x");
-}
+    EXPECT_EQ(appended, "head:#Y= 2\n;X= 1\nA= 1\nAB= 4\nB= 2\nD= =x\nb= 3");
+    EXPECT_EQ(Saved(attrs, true, false), "#Y =2\n;X =1\nA =1\nAB =4\nB =2\nD ==x\nb =3");
 
-TEST(AttrFormat, LastDuplicateWinsAndCommentsAreKeys) {
-    SAttr attrs = FileStore();
-    attrs.LoadMemory("A=1\nA=2\n;X=1\n#Y=2");
-    EXPECT_EQ(attrs.GetRawData(), (Records{{"#Y", "2"}, {";X", "1"}, {"A", "2"}}));
-    // A load adds to what is there.
-    attrs.LoadMemory("Z=9");
-    EXPECT_EQ(attrs.GetSize(), 4u);
-}
-
-TEST(AttrFormat, KeysAreOrderedBytewise) {
-    SAttr attrs = FileStore();
-    attrs.LoadMemory("b=1\nAB=2\nA=3\nB=4");
-    std::list<std::string> keys;
-    attrs.GetKeys(keys);
-    EXPECT_EQ(keys, (std::list<std::string>{"A", "AB", "B", "b"}));
-    std::list<std::string> values;
-    attrs.GetValues(values);
-    EXPECT_EQ(values, (std::list<std::string>{"3", "2", "4", "1"}));
+    attrs.LoadMemory("Z=9");  // a load adds to what is there
+    EXPECT_EQ(attrs.GetSize(), 8u);
+    attrs.Clear();
+    EXPECT_EQ(Saved(attrs), "");
 }
 
 TEST(AttrFormat, BufferParserKeepsSecondTerminatorAndStopsAtBufferEnd) {
     SAttr attrs = FileStore();
     std::string text = "A=1\r\nB=2\nC=\nD=4";
-    // No terminating zero after the last value.
     std::vector<char> buffer(text.begin(), text.end());
-    buffer.push_back('X');
+    buffer.push_back('X');  // no terminating zero after the last value
     attrs.LoadMemory(buffer.data(), static_cast<unsigned int>(text.size()));
     EXPECT_EQ(attrs.GetRawData(), (Records{{"A", "1"}, {"D", "4"}, {"\nB", "2"}}));
 
@@ -77,8 +60,8 @@ TEST(AttrFormat, BufferParserKeepsSecondTerminatorAndStopsAtBufferEnd) {
     EXPECT_EQ(commands.GetRawData(), (Records{{" group", "0"}, {"cmd", "ppl_clear "}}));
 }
 
-TEST(AttrFile, SaveAndLoadRoundTrip) {
-    TempDir dir;
+TEST(AttrFile, SaveLoadRoundTripAndEdgeResults) {
+    commontest::TempDir dir;
     std::string path = dir.File("status.ini");
     SAttr out('=', "\r\n", "\n", path.c_str());
     out.SetKeyValue("B", "2");
@@ -86,103 +69,93 @@ TEST(AttrFile, SaveAndLoadRoundTrip) {
     mode_t old_mask = umask(0);
     EXPECT_TRUE(out.SaveFile(nullptr, true, true));
     umask(old_mask);
-    EXPECT_EQ(FileText(path), "A = x y\nB = 2");
-    struct stat attrs;
-    ASSERT_EQ(stat(path.c_str(), &attrs), 0);
-    EXPECT_EQ(attrs.st_mode & 0777, 0644u);
+    EXPECT_EQ(ppltest::ReadWholeFile(path), "A = x y\nB = 2");
+    struct stat st;
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0644u);
 
     SAttr in = FileStore();
     in.SetKeyValue("C", "3");
     EXPECT_TRUE(in.LoadFile(path.c_str()));
     EXPECT_EQ(in.GetRawData(), (Records{{"A", "x y"}, {"B", "2"}, {"C", "3"}}));
-    // The stored name is used when none is given.
-    EXPECT_TRUE(UFile::WriteFile(path.c_str(), "A=changed", 9, 0644));
-    EXPECT_TRUE(in.LoadFile(nullptr));
-    EXPECT_STREQ(in.GetKeyValue("A"), "changed");
+    ASSERT_TRUE(UFile::WriteFile(path.c_str(), "", 0, 0644));
+    EXPECT_TRUE(in.LoadFile(nullptr)) << "the stored name, now an empty file";
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(in.LoadFile(dir.File("missing").c_str()));
+    EXPECT_EQ(in.GetSize(), 3u);
+    // Saving an empty store into a missing directory reports success, deliberately.
+    std::string absent = dir.File("absent/x.ini");
+    EXPECT_TRUE(FileStore().SaveFile(absent.c_str(), true, true));
+    EXPECT_FALSE(in.SaveFile(absent.c_str(), true, true));
+    testing::internal::GetCapturedStderr();
 }
 
-TEST(AttrFile, EmptyAndMissingFiles) {
-    TempDir dir;
-    std::string empty = dir.File("empty.ini");
-    ASSERT_TRUE(UFile::WriteFile(empty.c_str(), "", 0, 0644));
-    SAttr attrs = FileStore();
-    attrs.SetKeyValue("K", "v");
-    EXPECT_TRUE(attrs.LoadFile(empty.c_str()));
-    EXPECT_EQ(attrs.GetSize(), 1u);
-
-    std::string missing = dir.File("missing.ini");
-    StderrCapture capture;
-    EXPECT_FALSE(attrs.LoadFile(missing.c_str()));
-    std::string log = capture.Text();
-    EXPECT_NE(log.find("GetFileSize('" + missing + "') error."), std::string::npos) << log;
-    EXPECT_EQ(attrs.GetRawData(), (Records{{"K", "v"}}));
-}
-
-TEST(AttrFile, EmptyStoreSavedIntoMissingDirectoryReportsSuccess) {
-    TempDir dir;
-    std::string path = dir.File("absent/store.ini");
-    SAttr empty = FileStore();
-    StderrCapture quiet;
-    EXPECT_TRUE(empty.SaveFile(path.c_str(), true, true));
-    SAttr full = FileStore();
-    full.SetKeyValue("A", "1");
-    EXPECT_FALSE(full.SaveFile(path.c_str(), true, true));
-    quiet.Text();
-    EXPECT_FALSE(UFile::Exist(dir.File("absent").c_str()));
-}
-
-TEST(AttrValues, UnsignedReadsByBase) {
+TEST(AttrValues, NumbersByBase) {
     SAttr attrs = FileStore();
     attrs.LoadMemory("H=0x1F\nP=1F\nW=abc\nO=017\nD=42");
-    EXPECT_EQ(attrs.GetUIntValue("H", 16), 31u);
-    EXPECT_EQ(attrs.GetUIntValue("P", 16), 31u);
-    EXPECT_EQ(attrs.GetUIntValue("W", 10), 0u);
-    EXPECT_EQ(attrs.GetUIntValue("D", 10), 42u);
-    EXPECT_EQ(attrs.GetUIntValue("O", 8), 15u);
-    EXPECT_EQ(attrs.GetUIntValue("D", 2), 0u);
-    EXPECT_EQ(attrs.GetUIntValue("absent", 10), 0u);
+    const struct {
+        const char* key;
+        int base;
+        unsigned int value;
+    } reads[] = {{"H", 16, 31}, {"P", 16, 31}, {"W", 10, 0},     {"D", 10, 42},
+                 {"O", 8, 15},  {"D", 2, 0},   {"absent", 10, 0}};
+    for (const auto& r : reads)
+        EXPECT_EQ(attrs.GetUIntValue(r.key, r.base), r.value) << r.key << " in base " << r.base;
     EXPECT_EQ(attrs.GetIntValue("H", 16), 31);
-    EXPECT_EQ(attrs.GetIntValue("absent", 10), 0);
-    EXPECT_FLOAT_EQ(attrs.GetFloatValue("D"), 42.0f);
-    EXPECT_EQ(attrs.GetKeyValue("absent"), nullptr);
-}
 
-TEST(AttrValues, NumbersAreStoredByBase) {
-    SAttr attrs = FileStore();
+    attrs.Clear();
     attrs.SetUIntValue("U16", 255, 16);
     attrs.SetUIntValue("U8", 8, 8);
     attrs.SetUIntValue("UMAX", 4294967295u, 10);
     attrs.SetIntValue("I16", 255, 16);
     attrs.SetIntValue("Z16", 0, 16);
     attrs.SetIntValue("NEG", -7, 10);
-    EXPECT_EQ(attrs.GetRawData(), (Records{{"I16", "0xff"},
-                                           {"NEG", "-7"},
-                                           {"U16", "255"},
-                                           {"U8", "010"},
-                                           {"UMAX", "4294967295"},
-                                           {"Z16", "0"}}));
+    EXPECT_EQ(Saved(attrs, false, false),
+              "I16=0xff\nNEG=-7\nU16=255\nU8=010\nUMAX=4294967295\nZ16=0");
 }
 
-TEST(AttrValues, RecordsAndReplacement) {
-    SAttr attrs('=', "&", "&", nullptr);
+TEST(AttrValues, RecordsKeepEmptyValuesAndJoinWithEquals) {
+    SAttr attrs(':', "\n", "\n", nullptr);
     std::list<std::string> records{" key = value ", "=v", "novalue", "k=", "a=b=c", "key=again"};
     attrs.SetKeyValues(records);
     EXPECT_EQ(attrs.GetRawData(), (Records{{"a", "b=c"}, {"k", ""}, {"key", "again"}}));
-
-    // A stored value handed back in replaces itself unharmed.
-    attrs.SetKeyValue("a", attrs.GetKeyValue("a"));
+    attrs.SetKeyValue("a", attrs.GetKeyValue("a"));  // its own stored value, unharmed
     EXPECT_STREQ(attrs("a"), "b=c");
-    EXPECT_TRUE(attrs.RemoveKey("k"));
-    EXPECT_FALSE(attrs.RemoveKey("k"));
-    EXPECT_FALSE(attrs.HasKey("k"));
 
-    SAttr colon(':', "\n", "\n", nullptr);
-    colon.LoadMemory("x: 1\ny:2");
+    attrs.LoadMemory("x: 1");
     std::list<std::string> joined;
-    colon.GetKeyValues(joined);
-    EXPECT_EQ(joined, (std::list<std::string>{"x=1", "y=2"}));
-    EXPECT_EQ(Saved(colon, false, false), "x:1\ny:2");
-    colon.Clear();
-    EXPECT_EQ(colon.GetSize(), 0u);
-    EXPECT_EQ(Saved(colon), "");
+    attrs.GetKeyValues(joined);
+    EXPECT_EQ(joined, (std::list<std::string>{"a=b=c", "k=", "key=again", "x=1"}));
+    EXPECT_EQ(Saved(attrs, false, false), "a:b=c\nk:\nkey:again\nx:1");
+}
+
+TEST(TextParam, RecordsAcrossLineEndingsAreTrimmed) {
+    char text[] = "a = 1\r\n\r\nb=2\nnoval\n=x\nc = ";
+    UTextParam cursor(text);
+    std::vector<std::pair<std::string, std::string>> found;
+    char *key = nullptr, *value = nullptr;
+    while (cursor.GetNextParam(key, value, '=', "\r\n"))
+        found.emplace_back(key, value);
+    EXPECT_EQ(found, (decltype(found){{"a", "1"}, {"b", "2"}, {"c", ""}}));
+    EXPECT_FALSE(cursor.GetNextParam(key, value, '=', "\r\n"));
+    UTextParam empty;
+    EXPECT_FALSE(empty.GetNextParam(key, value, '=', "\n"));
+}
+
+TEST(TextUtil, TrimKeySearchesAndImplode) {
+    for (const auto& c : {std::make_pair(" \t x y \r\n", "x y"), std::make_pair("   ", ""),
+                          std::make_pair("", ""), std::make_pair("x", "x")}) {
+        std::string copy = c.first;
+        char* start = &copy[0];
+        UTextUtil::Trim(start, UTextUtil::WHITESPACE);
+        EXPECT_STREQ(start, c.second) << "'" << c.first << "'";
+        EXPECT_EQ(UTextUtil::Trim(std::string(c.first), UTextUtil::WHITESPACE), c.second);
+    }
+    const char* text = "idx=5 id=7 &";
+    EXPECT_STREQ(UTextUtil::findKey(text, "id", '='), "5 id=7 &");
+    int number = 0;
+    EXPECT_TRUE(UTextUtil::findKeyExact(text, "id", '=', "&", &number));
+    EXPECT_EQ(number, 7);
+    EXPECT_EQ(UTextUtil::implode({"only"}, ", "), "only");
+    EXPECT_EQ(UTextUtil::implode({"a", "b"}, ", "), "a, b");
 }

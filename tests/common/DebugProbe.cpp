@@ -1,7 +1,6 @@
 // Runs debug-switch steps given as arguments, in order:
 //   create / remove   the switch file named after this program's path
-//   expire            makes the next debug line probe the switch file again
-//   recent            marks the switch file as probed four seconds ago
+//   expire / recent   marks the switch file as probed six / four seconds ago
 //   log:<word>        one debug line carrying <word>
 #include <fcntl.h>
 #include <unistd.h>
@@ -15,17 +14,14 @@ int main(int argc, char** argv) {
     std::string switch_file = std::string(argv[0]) + ".log";
     for (int i = 1; i < argc; ++i) {
         std::string step = argv[i];
-        if (step == "create") {
+        if (step == "create")
             close(open(switch_file.c_str(), O_WRONLY | O_CREAT, 0644));
-        } else if (step == "remove") {
+        else if (step == "remove")
             unlink(switch_file.c_str());
-        } else if (step == "expire") {
-            USysLog::m_tLastTime = static_cast<int>(time(nullptr)) - 6;
-        } else if (step == "recent") {
-            USysLog::m_tLastTime = static_cast<int>(time(nullptr)) - 4;
-        } else if (step.compare(0, 4, "log:") == 0) {
+        else if (step == "expire" || step == "recent")
+            USysLog::m_tLastTime = static_cast<int>(time(nullptr)) - (step == "expire" ? 6 : 4);
+        else if (step.compare(0, 4, "log:") == 0)
             USysLog::debug("probe.cpp", 7, "Step", "marker %s %d", step.c_str() + 4, 42);
-        }
     }
     return 0;
 }

@@ -1,6 +1,9 @@
 #ifndef COMMON_TEST_FILES_H
 #define COMMON_TEST_FILES_H
 
+#include <stdlib.h>
+
+#include <filesystem>
 #include <string>
 
 namespace commontest {
@@ -8,8 +11,15 @@ namespace commontest {
 // A fresh directory of its own, removed with its contents at the end.
 class TempDir {
 public:
-    TempDir();
-    ~TempDir();
+    TempDir() {
+        char name[] = "/tmp/common-test-XXXXXX";
+        if (mkdtemp(name) != nullptr)
+            path_ = name;
+    }
+    virtual ~TempDir() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
     const std::string& Path() const { return path_; }
     std::string File(const std::string& name) const { return path_ + "/" + name; }
 
@@ -17,22 +27,12 @@ private:
     std::string path_;
 };
 
-// Collects what is written to standard error (syslog's copy included)
-// between construction and Text().
-class StderrCapture {
-public:
-    StderrCapture();
-    ~StderrCapture();
-    std::string Text();
-
-private:
-    void Restore();
-    TempDir dir_;
-    int saved_ = -1;
-};
-
-std::string FileText(const std::string& path);
-int CountOf(const std::string& text, const std::string& part);
+inline int CountOf(const std::string& text, const std::string& part) {
+    int count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+        ++count;
+    return count;
+}
 
 }  // namespace commontest
 

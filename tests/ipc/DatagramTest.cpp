@@ -1,0 +1,165 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include "NModuleInterface.h"
+#include "NTextCommand.h"
+#include "Sandbox.h"
+
+namespace {
+
+// Socket files live in a private directory, removed with its contents.
+class SocketDir : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_NE(mkdtemp(dir_), nullptr); }
+    void TearDown() override { std::filesystem::remove_all(dir_); }
+    std::string Path(const char* name) const { return std::string(dir_) + "/" + name; }
+
+    char dir_[32] = "/tmp/ppl-ipc-XXXXXX";
+    char buf_[256] = {0};
+};
+
+using CommandSocket = SocketDir;
+using StreamSocket = SocketDir;
+
+bool IsSocket(const std::string& path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode);
+}
+
+TEST_F(CommandSocket, StaleFileIsReplacedAndRemovedAtTheEnd) {
+    std::string a = Path("a");
+    ASSERT_TRUE(ppltest::WriteWholeFile(a, "left over"));
+    {
+        NCommandIPC endpoint;
+        EXPECT_GE(endpoint.Connect(a.c_str(), nullptr), 0);
+        EXPECT_TRUE(IsSocket(a));
+        EXPECT_EQ(endpoint.Wait(0, 0), 0);
+        EXPECT_LT(endpoint.Recv(buf_, sizeof(buf_)), 0);
+    }
+    EXPECT_FALSE(IsSocket(a));
+}
+
+TEST_F(CommandSocket, ReplyGoesToTheSenderAndLongDatagramsAreCut) {
+    std::string a = Path("a"), b = Path("b");
+    NCommandIPC server(a.c_str(), nullptr), client(b.c_str(), nullptr);
+    EXPECT_EQ(client.Send("x", 1, a.c_str()), 2);
+    ASSERT_GT(server.Wait(2, 0), 0);
+    EXPECT_EQ(server.Recv(buf_, sizeof(buf_)), 2);
+    EXPECT_STREQ(buf_, "x");
+    EXPECT_EQ(server.Send("ok", 2), 3);
+    ASSERT_GT(client.Wait(2, 0), 0);
+    EXPECT_EQ(client.Recv(buf_, sizeof(buf_)), 3);
+    EXPECT_EQ(std::string(buf_, 3), std::string("ok\0", 3));
+
+    EXPECT_EQ(client.Send("abcdefghi", 9), 10);
+    ASSERT_GT(server.Wait(2, 0), 0);
+    char small[4];
+    EXPECT_EQ(server.Recv(small, sizeof(small)), 3);
+    EXPECT_STREQ(small, "abc");
+    EXPECT_EQ(server.Wait(0, 0), 0) << "the rest of a cut datagram is lost";
+
+    NCommandIPC anonymous;  // an unbound sender cannot be answered
+    EXPECT_EQ(anonymous.Send("hi", 2, a.c_str()), 3);
+    ASSERT_GT(server.Wait(2, 0), 0);
+    EXPECT_EQ(server.Recv(buf_, sizeof(buf_)), 3);
+    testing::internal::CaptureStderr();
+    EXPECT_LT(server.Send("ok", 2), 0);
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(err.find(". local:" + a + ". remote:. msg:ok.\n"), std::string::npos) << err;
+}
+
+class TextCommand : public SocketDir {
+protected:
+    void SetUp() override {
+        SocketDir::SetUp();
+        server_.Connect(Path("server").c_str(), nullptr);
+        client_.Connect(Path("client").c_str(), nullptr);
+    }
+    // The client sends text to the server, which receives and parses it.
+    void Deliver(const std::string& text) {
+        ASSERT_EQ(client_.Send(text.c_str(), text.size(), Path("server").c_str()),
+                  static_cast<int>(text.size()) + 1);
+        ASSERT_GT(server_.Wait(2, 0), 0);
+        ASSERT_EQ(server_.RecvBuffer(), static_cast<int>(text.size()) + 1);
+    }
+    // What the client received as the answer; its last byte must be the zero.
+    std::string Answer() {
+        int got = client_.Wait(2, 0) > 0 ? client_.RecvBuffer() : 0;
+        if (got <= 0 || client_.GetCommand()[got - 1] != '\0')
+            return "<nothing or malformed>";
+        return std::string(client_.GetCommand(), got - 1);
+    }
+
+    NTextCommand server_, client_;
+};
+
+TEST_F(TextCommand, ParsesRepliesToTheSenderAndLogsAllButPlainHeartbeats) {
+    Deliver("action=get&id= 3 &x");
+    EXPECT_STREQ(server_.GetKeyValue("action"), "get");
+    EXPECT_STREQ(server_.GetKeyValue("id"), "3");
+    EXPECT_EQ(server_.GetSize(), 2u);
+    EXPECT_STREQ(server_.GetCommand(), "action=get&id= 3 &x");
+
+    const struct {
+        NTextCommand::RESULT result;
+        const char *rest, *sent;
+        bool logged;
+    } cases[] = {
+        {NTextCommand::SUCCESS, "&count=5", "reply=success&count=5", true},
+        {NTextCommand::HEARTBEAT, "", "reply=heartbeat", false},
+        {NTextCommand::HEARTBEAT, "&n=1", "reply=heartbeat&n=1", true},
+    };
+    for (const auto& c : cases) {
+        testing::internal::CaptureStderr();
+        EXPECT_TRUE(c.rest[0] ? server_.Reply(c.result, "%s", c.rest) : server_.Reply(c.result));
+        std::string log = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(log.find("reply: " + std::string(c.sent)) != std::string::npos, c.logged) << log;
+        EXPECT_EQ(log.find("reply:") != std::string::npos, c.logged) << log;
+        EXPECT_EQ(Answer(), c.sent);
+    }
+    Deliver("b=2");
+    EXPECT_FALSE(server_.HasKey("action")) << "each command starts from an empty store";
+}
+
+TEST_F(TextCommand, ResultWordsRoundTrip) {
+    Deliver("action=any");
+    const char* words[] = {"success", "error", "unsupport", "timeout", "busy", "heartbeat"};
+    for (int r = NTextCommand::SUCCESS; r <= NTextCommand::HEARTBEAT; ++r) {
+        ASSERT_TRUE(server_.Reply(static_cast<NTextCommand::RESULT>(r)));
+        EXPECT_EQ(Answer(), std::string("reply=") + words[r]);
+        EXPECT_EQ(client_.GetResult(), r);
+    }
+    for (const char* odd : {"a=1", "reply=odd"}) {
+        server_.NCommandIPC::Send(odd, std::strlen(odd));
+        EXPECT_EQ(Answer(), odd);
+        EXPECT_EQ(client_.GetResult(), NTextCommand::ERROR) << odd;
+    }
+}
+
+TEST_F(StreamSocket, FramesMessagesBothWaysUntilTheEnd) {
+    NUnixCmdListener listener;
+    NUnixCommander commander;
+    ASSERT_GE(listener.connect(Path("stream").c_str()), 0);
+    ASSERT_GE(commander.connect(Path("stream").c_str()), 0);
+    ASSERT_GT(listener.waitInbound(2, 0), 0);
+    ASSERT_GE(listener.accept(), 0);
+    EXPECT_EQ(listener.Send("back", 4), 4);
+    ASSERT_GT(commander.Wait(2, 0), 0);
+    EXPECT_EQ(commander.Recv(buf_, sizeof(buf_)), 4);
+    EXPECT_STREQ(buf_, "back");
+
+    EXPECT_EQ(commander.Send("0123456789", 10), 10);
+    ASSERT_GT(listener.Wait(2, 0), 0);
+    char small[10];
+    EXPECT_EQ(listener.Recv(small, sizeof(small)), -1);
+    EXPECT_EQ(listener.Recv(buf_, sizeof(buf_)), 10) << "the message stayed whole";
+    commander.disconnect();
+    ASSERT_GT(listener.Wait(2, 0), 0);
+    EXPECT_EQ(listener.Recv(buf_, sizeof(buf_)), 0);
+}
+
+}  // namespace
