@@ -149,7 +149,8 @@ void PPLCounter::ReadGroupLimits(SAttr& ini, unsigned int g) {
     } kLimits[] = {{"_OVER", "PPL Alarm Over: ", true}, {"_UNDER", "PPL Alarm Under: ", false}};
     for (const auto& limit : kLimits) {
         const std::string key = ComposeKey(cfg_key_stream, "SERV_PPL_STAYIN_", g, limit.tail);
-        if (!ini.HasKey(key.c_str())) continue;  // the limit stays as it was
+        if (!ini.HasKey(key.c_str()))
+            continue;  // the limit stays as it was
         int value = ini.GetIntValue(key.c_str(), 10);
         {
             std::lock_guard<std::mutex> guard(alarm_lock);

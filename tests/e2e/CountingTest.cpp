@@ -18,27 +18,8 @@ const char* const kSettingsText =
     "&ReportTime=60";
 
 // Group 0 with LAPI in camera 0 and out camera 1, both simulated.
-class LapiService : public ::testing::Test {
+class LapiService : public LapiRigTest {
 protected:
-    void SetUp() override {
-        PPL_ENTER_SANDBOX_OR_SKIP();
-        in_cam_.reset(new camsim::Camera());
-        out_cam_.reset(new camsim::Camera());
-        ASSERT_TRUE(in_cam_->Start());
-        ASSERT_TRUE(out_cam_->Start());
-        in_ctl_.reset(new camsim::TarnEndpoints(*in_cam_, "admin", "secret"));
-        out_ctl_.reset(new camsim::TarnEndpoints(*out_cam_, "admin", "secret"));
-        h_.reset(new ServiceHarness());
-        config_ = LapiConfig(in_cam_->Port(), out_cam_->Port());
-        h_->WriteConfig(config_);
-    }
-    void TearDown() override {
-        h_.reset();
-        if (in_cam_)
-            in_cam_->Stop();
-        if (out_cam_)
-            out_cam_->Stop();
-    }
     // Starts the service and waits for both subscriptions and the start-up events.
     void StartCounting() {
         ASSERT_TRUE(h_->StartService());
@@ -48,10 +29,6 @@ protected:
         ASSERT_TRUE(h_->WaitStatus("PPL.Out0.Status", "connect"));
         ASSERT_TRUE(h_->WaitStatus("PPL.In0.Status", "connect"));
     }
-    std::unique_ptr<camsim::Camera> in_cam_, out_cam_;
-    std::unique_ptr<camsim::TarnEndpoints> in_ctl_, out_ctl_;
-    std::unique_ptr<ServiceHarness> h_;
-    std::map<std::string, std::string> config_;
 };
 
 TEST_F(LapiService, StartupSendsOneEnableAndOneCountEventAndPushesNoSettings) {

@@ -100,15 +100,6 @@ std::string Head(const std::string& content_length) {
            content_length + "\r\n\r\n";
 }
 
-std::string Garbage(size_t n, unsigned seed) {
-    std::string bytes;
-    for (size_t i = 0; i < n; ++i) {
-        seed = seed * 1103515245u + 12345u;
-        bytes += static_cast<char>(seed >> 16);
-    }
-    return bytes;
-}
-
 TEST_F(FaultTest, BrokenEventMessagesAreDroppedAndCountingGoesOn) {
     StartCounting();
     in_cam_->Walk(3, 0);

@@ -20,32 +20,20 @@ std::string Excerpt(const std::string& output) {
     return output.substr(from, kMax);
 }
 
+std::string Garbage(size_t n, unsigned seed) {
+    std::string bytes;
+    for (size_t i = 0; i < n; ++i) {
+        seed = seed * 1103515245u + 12345u;
+        bytes += static_cast<char>(seed >> 16);
+    }
+    return bytes;
+}
+
 int Subscriptions(camsim::Camera& camera) {
     int n = 0;
     for (const camsim::Request& r : camera.Requests())
         n += r.path == "/LAPI/V1.0/System/Event/Subscription";
     return n;
-}
-
-void FaultTest::SetUp() {
-    PPL_ENTER_SANDBOX_OR_SKIP();
-    in_cam_.reset(new camsim::Camera());
-    out_cam_.reset(new camsim::Camera());
-    ASSERT_TRUE(in_cam_->Start());
-    ASSERT_TRUE(out_cam_->Start());
-    in_ctl_.reset(new camsim::TarnEndpoints(*in_cam_, "admin", "secret"));
-    out_ctl_.reset(new camsim::TarnEndpoints(*out_cam_, "admin", "secret"));
-    h_.reset(new ServiceHarness());
-    config_ = LapiConfig(in_cam_->Port(), out_cam_->Port());
-    h_->WriteConfig(config_);
-}
-
-void FaultTest::TearDown() {
-    h_.reset();
-    if (in_cam_)
-        in_cam_->Stop();
-    if (out_cam_)
-        out_cam_->Stop();
 }
 
 void FaultTest::StartCounting() {

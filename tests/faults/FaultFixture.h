@@ -19,13 +19,16 @@ bool SanitizerSpoke(const std::string& output);
 // is one, else the last lines.
 std::string Excerpt(const std::string& output);
 
+// n bytes of repeatable binary garbage.
+std::string Garbage(size_t n, unsigned seed);
+
 // The count of subscription requests a camera received.
 int Subscriptions(camsim::Camera& camera);
 
 // Group 0 with LAPI in camera 0 and out camera 1, both simulated, and the real
 // service around them, plus the checks every fault ends with: the service
 // still runs and answers, and the counts are right again.
-class FaultTest : public ::testing::Test {
+class FaultTest : public LapiRigTest {
 public:
     // Sends both cameras' totals until their count event arrives; false on
     // time-out.
@@ -36,9 +39,6 @@ public:
     void ExpectAlive(const std::string& after);
 
 protected:
-    void SetUp() override;
-    void TearDown() override;
-
     // Starts the service; waits for both subscriptions and connected status.
     void StartCounting();
     // The count event the cameras' current totals must give.
@@ -47,11 +47,6 @@ protected:
     void AssertRunning(const std::string& during);
     // Ends with SIGTERM: exit status 0 and no sanitizer report.
     void ExpectCleanStop();
-
-    std::unique_ptr<camsim::Camera> in_cam_, out_cam_;
-    std::unique_ptr<camsim::TarnEndpoints> in_ctl_, out_ctl_;
-    std::unique_ptr<ServiceHarness> h_;
-    std::map<std::string, std::string> config_;
 };
 
 }  // namespace ppltest

@@ -14,15 +14,6 @@
 namespace ppltest {
 namespace {
 
-std::string Garbage(size_t n, unsigned seed) {
-    std::string bytes;
-    for (size_t i = 0; i < n; ++i) {
-        seed = seed * 1103515245u + 12345u;
-        bytes += static_cast<char>(seed >> 16);
-    }
-    return bytes;
-}
-
 // Megabytes of lines the service does not know, then the real keys.
 std::string HugeConfig(const std::map<std::string, std::string>& keys) {
     std::string text;

@@ -141,7 +141,8 @@ std::vector<std::string> ThroughEmulator(const std::vector<std::string>& argv) {
 std::vector<std::string> ChildEnvironment(const std::string& program) {
     std::vector<std::string> env;
     for (char** e = environ; *e != nullptr; ++e) {
-        if (strncmp(*e, "LD_LIBRARY_PATH=", 16) != 0) env.push_back(*e);
+        if (strncmp(*e, "LD_LIBRARY_PATH=", 16) != 0)
+            env.push_back(*e);
     }
     const std::string fd_prefix = "/proc/self/fd/";
     if (program.compare(0, fd_prefix.size(), fd_prefix) == 0) {

@@ -203,13 +203,13 @@ TEST_F(Tarn3DPC, DeviceInfoSettersKeepEmptyValuesAndCutLongTexts) {
         counter.GetDeviceAccount(user, password);
         return user + "/" + password + "/" + ip + "/" + port;
     };
-    counter.SetDeviceInfo("10.1.2.3", "80", "admin", "pw", 5);
+    counter.SetDeviceInfo("127.0.0.3", "80", "admin", "pw", 5);
     counter.SetDeviceAccount("", "pw2");
-    EXPECT_EQ(all(), "admin/pw2/10.1.2.3/80");
+    EXPECT_EQ(all(), "admin/pw2/127.0.0.3/80");
     counter.SetDeviceAccount("root", "");
     counter.SetDeviceIP("");
     counter.SetDeviceHttpPort("");
-    EXPECT_EQ(all(), "root/pw2/10.1.2.3/80");
+    EXPECT_EQ(all(), "root/pw2/127.0.0.3/80");
     counter.SetDeviceIP(std::string(40, '1'));
     counter.SetDeviceHttpPort("123456789");
     counter.SetDeviceAccount(std::string(100, 'u'), std::string(64, 'p'));
