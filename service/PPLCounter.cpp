@@ -1,5 +1,6 @@
 // The service object: construction, the polling loop and its endpoints.
 #include "PPLCounter.h"
+#include "ShowLog.h"
 
 #include <time.h>
 #include <unistd.h>

@@ -142,7 +142,4 @@ private:
     void DeleteCamera(unsigned int ch);
 };
 
-// The service's timestamped log line on standard error: "[time] message".
-void ShowLog(const char* format, ...) __attribute__((format(printf, 1, 2)));
-
 #endif

@@ -7,6 +7,7 @@
 #include "NModuleInterface.h"
 #include "PPLCounter.h"
 #include "SAttr.h"
+#include "ShowLog.h"
 #include "Tarn_3DPC_Counter.h"
 #include "UBrand_PPL_Counter.h"
 

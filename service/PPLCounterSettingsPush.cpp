@@ -4,6 +4,7 @@
 #include <iostream>
 
 #include "PPLCounter.h"
+#include "ShowLog.h"
 #include "Tarn_3DPC_Counter.h"
 #include "UBrand_PPL_Counter.h"
 
