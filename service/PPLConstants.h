@@ -10,6 +10,9 @@ constexpr const char* kSystemIniPath = "/opt/user/ZV318/INIT/ZV318System.ini";
 constexpr const char* kStatusIniPath = "/tmp/PPLCounter.ini";
 constexpr const char* kRecordIniPath = "/opt/user/PPLRecord.ini";
 constexpr const char* kCommandSocketPath = "/tmp/SI_PPLCOUNTER";
+// Held by the running service so that a second one refuses to start; kept
+// beside the socket it protects.
+constexpr const char* kInstanceLockPath = "/tmp/PPLCounter.lock";
 // 601 (0x259) is the queue the service owns and reads; 259 (decimal) the
 // other module's queue it writes. Both values are exactly as they are.
 constexpr int kEventInKey = 601;

@@ -3,6 +3,7 @@
 #include <stdlib.h>
 
 #include <climits>
+#include <limits>
 #include <string>
 
 #include "UTime.h"
@@ -16,8 +17,8 @@ struct timespec Ts(time_t sec, long nsec) {
     return t;
 }
 
-const time_t kMaxTime = sizeof(time_t) == 8 ? static_cast<time_t>(LLONG_MAX) : INT_MAX;
-const time_t kMinTime = sizeof(time_t) == 8 ? static_cast<time_t>(LLONG_MIN) : INT_MIN;
+const time_t kMaxTime = std::numeric_limits<time_t>::max();
+const time_t kMinTime = std::numeric_limits<time_t>::min();
 
 }  // namespace
 
@@ -83,7 +84,8 @@ TEST(NtpTimeStamps, Rfc5905EpochAndEraBounds) {
     EXPECT_EQ(ntp >> 32, 0xffffffffu);
     if (sizeof(time_t) == 8) {
         EXPECT_FALSE(UTime::UnixToNtp(Ts(2085978496, 0), ntp));
-        EXPECT_FALSE(UTime::UnixToNtp(Ts(-UTime::kNtpUnixOffset - 1, 0), ntp));
+        int64_t before_1900 = -UTime::kNtpUnixOffset - 1;
+        EXPECT_FALSE(UTime::UnixToNtp(Ts(static_cast<time_t>(before_1900), 0), ntp));
     }
     struct timespec t1900;
     EXPECT_EQ(UTime::NtpToUnix(0, t1900), sizeof(time_t) == 8) << "1900 needs a 64-bit time_t";

@@ -1,6 +1,8 @@
 // The service end to end: simulated cameras, the test as the neighbouring
 // module, the real binary in private namespaces.
 #include <gtest/gtest.h>
+#include <sys/msg.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <csignal>
@@ -195,6 +197,37 @@ TEST(ThreeDpcService, StartupAndCounting) {
     EXPECT_EQ(h.Command("action=ppl_get_service_status"), "reply=success&in0=connect&out0=connect");
     EXPECT_EQ(h.StopService(SIGTERM), 0);
     cam.Stop();
+}
+
+// A second start, with any arguments, must leave the running service exactly
+// as it was: its socket, its queue, its cameras and its exit.
+TEST_F(LapiService, SecondInstanceExitsAtOnceAndTheFirstKeepsServing) {
+    StartCounting();
+    struct stat socket_before;
+    ASSERT_EQ(stat("/tmp/SI_PPLCOUNTER", &socket_before), 0);
+    int queue_before = msgget(601, 0);
+    ASSERT_GE(queue_before, 0);
+    Child second;
+    ASSERT_TRUE(second.Start({BuiltFile("pplcounter"), "--help"}, "/tmp"));
+    ASSERT_TRUE(second.Wait(3000)) << "the second instance did not end by itself";
+    ASSERT_TRUE(WIFEXITED(second.ExitStatus()));
+    EXPECT_EQ(WEXITSTATUS(second.ExitStatus()), 1);
+    EXPECT_EQ(second.Stderr(),
+              "pplcounter: another pplcounter is already running (/tmp/PPLCounter.lock is "
+              "locked)\n");
+    EXPECT_EQ(second.Stdout(), "");
+
+    struct stat socket_after;
+    ASSERT_EQ(stat("/tmp/SI_PPLCOUNTER", &socket_after), 0);
+    EXPECT_EQ(socket_after.st_ino, socket_before.st_ino) << "the socket was taken over";
+    EXPECT_EQ(msgget(601, 0), queue_before) << "queue 601 was replaced";
+    EXPECT_EQ(in_cam_->Subscribers(), 1) << "the cameras were subscribed to again";
+    EXPECT_EQ(h_->Command("action=ppl_get_service_status"),
+              "reply=success&in0=connect&out0=connect");
+    h_->ForgetEvents();
+    in_cam_->Walk(1, 0);
+    EXPECT_TRUE(h_->WaitEvent("event=ppl_count&in0=1&out0=0&stayin0=1"));
+    EXPECT_EQ(h_->StopService(SIGTERM), 0);
 }
 
 }  // namespace
