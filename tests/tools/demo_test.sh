@@ -2,7 +2,7 @@
 # The demo runs for 5 seconds by itself, shows counts and ends with status 0.
 set -uo pipefail
 src=$1 build=$2
-cd "$src"
+cd "$src" || exit 1
 out=$(PPL_BUILD_DIR="$build" unshare --ipc --mount --net --map-root-user scripts/demo-inside 5 2>&1)
 status=$?
 echo "$out" | tail -n 20

@@ -2,7 +2,7 @@
 # Each pplctl subcommand once against the real service and simulated cameras.
 # Runs inside private namespaces (see CMakeLists.txt).
 set -uo pipefail
-src=$1
+# $1, the source directory, is not needed here.
 # The build tree may live under /tmp: keep a handle on it before covering /tmp.
 exec 3<"$2"
 build=/proc/$$/fd/3
@@ -19,7 +19,7 @@ check() {  # check NAME EXPECTED_STATUS PATTERN -- command...
     local out status
     out=$("$@" 2>&1); status=$?
     if [ "$status" -ne "$want" ] || ! grep -qE -- "$pattern" <<<"$out"; then
-        echo "FAIL $name: status $status (want $want), output:"; echo "$out" | sed 's/^/    /'
+        echo "FAIL $name: status $status (want $want), output:"; printf '%s\n' "$out" | sed 's/^/    /'
         failures=$((failures + 1))
     else
         echo "ok   $name"
@@ -80,4 +80,5 @@ check events-enable 0 "event=ppl_enable&enable=1" -- cat /tmp/events.out
 kill -TERM "$svc"; wait "$svc"; svc_status=$?
 kill -TERM "$sim"; wait "$sim"
 [ "$svc_status" -eq 0 ] || { echo "FAIL service ended with $svc_status"; failures=$((failures + 1)); }
-[ "$failures" -eq 0 ] && echo PASS || { echo "$failures failed"; exit 1; }
+if [ "$failures" -ne 0 ]; then echo "$failures failed"; exit 1; fi
+echo PASS

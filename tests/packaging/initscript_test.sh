@@ -1,0 +1,97 @@
+#!/usr/bin/env bash
+# The installed init script as a recorder runs it: BusyBox sh with only BusyBox
+# applets on PATH, in private namespaces, starting the installed binary beside
+# it. Start, status, a killed service started again, a log kept under its cap
+# while cameras send events fast, and stop.
+# Usage: initscript_test.sh SOURCE_DIR BUILD_DIR
+set -euo pipefail
+src=$1 build=$2
+
+fail() { echo "FAIL: $*"; exit 1; }
+
+if [ "${3:-}" != inside ]; then
+    command -v busybox >/dev/null || fail "busybox is not installed (scripts/setup-deps installs it)"
+    stage=$build/initscript-stage
+    rm -rf "$stage"
+    # Installed as for a firmware image whose prefix is /mnt/ppl.
+    DESTDIR=$stage cmake --install "$build" --prefix /mnt/ppl >/dev/null
+    exec unshare --ipc --mount --net --fork --map-root-user "$0" "$src" "$build" inside
+fi
+
+stage=$build/initscript-stage
+mount --make-rprivate /
+mount -t tmpfs tmpfs /mnt
+mkdir -p /mnt/ppl
+mount --bind "$stage/mnt/ppl" /mnt/ppl
+mount -t tmpfs tmpfs /tmp
+mount -t tmpfs tmpfs /opt
+[ -e /dev/log ] && mount --bind /dev/null /dev/log
+ip link set lo up
+mkdir -p /opt/user/ZV318/INIT /tmp/bb /tmp/run /tmp/log
+busybox --install -s /tmp/bb
+cat >/opt/user/ZV318/INIT/ZV318System.ini <<'INI'
+SERV_PPL_NUM=1
+SERV_PPL_ENABLE=1
+SERV_PPL_TYPE=LAPI
+SERV_PPL_IN_0_CAM=0
+SERV_PPL_OUT_0_CAM=1
+SERV_PPL_CAM_0_IP=127.0.0.1
+SERV_PPL_CAM_0_HTTP=8001
+SERV_PPL_CAM_1_IP=127.0.0.1
+SERV_PPL_CAM_1_HTTP=8002
+INI
+
+cap=16384
+initd() {
+    env -i PATH=/tmp/bb PPLCOUNTER_RUNDIR=/tmp/run PPLCOUNTER_LOG=/tmp/log/pplcounter.log \
+        PPLCOUNTER_LOG_MAX=$cap /tmp/bb/sh /mnt/ppl/etc/init.d/pplcounter "$@"
+}
+# Waits up to $1 tenths of a second for the command that follows to succeed.
+wait_for() {
+    local tenths=$1
+    shift
+    for _ in $(seq "$tenths"); do
+        "$@" && return 0
+        sleep 0.1
+    done
+    return 1
+}
+service_pid() { cat /tmp/run/pplcounter.child.pid 2>/dev/null; }
+alive() { [ -n "$(service_pid)" ] && kill -0 "$(service_pid)" 2>/dev/null; }
+
+/mnt/ppl/bin/camsim --lapi 8001 --lapi 8002 --rate 3000 >/dev/null 2>&1 &
+sim=$!
+trap 'kill "$sim" 2>/dev/null; initd stop >/dev/null 2>&1 || true' EXIT
+
+[ "$(initd start)" = "pplcounter started" ] || fail "start"
+wait_for 50 alive || fail "the service did not start"
+[ "$(readlink "/proc/$(service_pid)/exe")" = /mnt/ppl/sbin/pplcounter ] ||
+    fail "the script started $(readlink "/proc/$(service_pid)/exe"), not the binary beside it"
+initd status | grep -qx "pplcounter is running" || fail "status while running"
+[ "$(initd start)" = "pplcounter is already running" ] || fail "a second start"
+
+first=$(service_pid)
+kill -9 "$first"
+start=$(date +%s%N)
+replaced() { [ "$(service_pid)" != "$first" ]; }
+wait_for 30 replaced ||
+    fail "a killed service was not started again"
+wait_for 30 alive || fail "the restarted service is not running"
+echo "restarted $(( ($(date +%s%N) - start) / 1000000 )) ms after kill -9"
+restart_logged() { grep -q "pplcounter: ended with status 137; starting it again" /tmp/log/pplcounter.log*; }
+wait_for 30 restart_logged || fail "the restart was not logged"
+
+# Cameras send about 100 events a second between them; the service logs each.
+sleep 8
+log=/tmp/log/pplcounter.log
+[ -f "$log.1" ] || fail "the log was never rotated: $(wc -c <"$log") bytes"
+size=$(wc -c <"$log") old=$(wc -c <"$log.1")
+echo "log $size bytes, previous $old bytes, cap $cap"
+[ "$size" -le "$cap" ] || fail "log over its cap"
+[ "$old" -le "$cap" ] || fail "previous log over its cap"
+
+[ "$(initd stop)" = "pplcounter stopped" ] || fail "stop"
+initd status >/dev/null && fail "status after stop"
+! alive || fail "the service still runs after stop"
+[ -z "$(pidof pplcounter)" ] || fail "a pplcounter process is left"
+echo PASS
