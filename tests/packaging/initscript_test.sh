@@ -13,16 +13,19 @@ if [ "${3:-}" != inside ]; then
     command -v busybox >/dev/null || fail "busybox is not installed (scripts/setup-deps installs it)"
     stage=$build/initscript-stage
     rm -rf "$stage"
-    # Installed as for a firmware image whose prefix is /mnt/ppl.
-    DESTDIR=$stage cmake --install "$build" --prefix /mnt/ppl >/dev/null
+    # Staged as for a firmware image (the runtime component), with the prefix
+    # /mnt/ppl so that the namespace can put it in place; the simulator apart.
+    DESTDIR=$stage cmake --install "$build" --prefix /mnt/ppl --component runtime >/dev/null
+    DESTDIR=$stage cmake --install "$build" --prefix /mnt/tools --component tools >/dev/null
     exec unshare --ipc --mount --net --fork --map-root-user "$0" "$src" "$build" inside
 fi
 
 stage=$build/initscript-stage
 mount --make-rprivate /
 mount -t tmpfs tmpfs /mnt
-mkdir -p /mnt/ppl
+mkdir -p /mnt/ppl /mnt/tools
 mount --bind "$stage/mnt/ppl" /mnt/ppl
+mount --bind "$stage/mnt/tools" /mnt/tools
 mount -t tmpfs tmpfs /tmp
 mount -t tmpfs tmpfs /opt
 [ -e /dev/log ] && mount --bind /dev/null /dev/log
@@ -59,7 +62,7 @@ wait_for() {
 service_pid() { cat /tmp/run/pplcounter.child.pid 2>/dev/null; }
 alive() { [ -n "$(service_pid)" ] && kill -0 "$(service_pid)" 2>/dev/null; }
 
-/mnt/ppl/bin/camsim --lapi 8001 --lapi 8002 --rate 3000 >/dev/null 2>&1 &
+/mnt/tools/bin/camsim --lapi 8001 --lapi 8002 --rate 3000 >/dev/null 2>&1 &
 sim=$!
 trap 'kill "$sim" 2>/dev/null; initd stop >/dev/null 2>&1 || true' EXIT
 
