@@ -4,6 +4,7 @@
 #include <iostream>
 
 #include "PPLCounter.h"
+#include "PPLSettingsRequest.h"
 #include "ShowLog.h"
 #include "Tarn_3DPC_Counter.h"
 #include "UBrand_PPL_Counter.h"
@@ -31,19 +32,8 @@ bool PPLCounter::Create_PPL_Settings_Request(const char* request, int camera) {
     return client.HandleCommand(text) >= 0;
 }
 
-// "Reset" carries the clear-count flag and "TimeReset" the reset-enable flag.
 bool PPLCounter::Create_PPL_Settings_Request(const _PPL_CAM_SETTINGS& settings, int camera) {
-    char reset_time[sizeof(settings.ResetTime) + 1] = {0};
-    memcpy(reset_time, settings.ResetTime, sizeof(settings.ResetTime));
-    int hour = 0, min = 0, sec = 0;
-    sscanf(reset_time, "%d:%d:%d", &hour, &min, &sec);
-    char request[kRequestSize] = {0};
-    snprintf(request, sizeof(request),
-             "action=ppl_setdata&Reset=%d&TimeReset=%d&Type=%s&Hour=%d&Min=%d&Sec=%d"
-             "&Sensitivity=%d&ReportTime=%d",
-             settings.ClearCounts, settings.ResetEnable, "time", hour, min, sec,
-             settings.Sensitivity, settings.ReportInterval);
-    return Create_PPL_Settings_Request(request, camera);
+    return Create_PPL_Settings_Request(PPL_Settings_Request_Text(settings).c_str(), camera);
 }
 
 // Returns 1 when every camera of the group took the request, else 0.

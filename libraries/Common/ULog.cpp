@@ -73,7 +73,11 @@ USysLog::~USysLog() {
 
 // The identity must stay valid while the log is open, as syslog keeps the pointer.
 void USysLog::open(const char* identity) {
-    openlog(identity, LOG_PID | LOG_PERROR, LOG_USER);
+    open(identity, true);
+}
+
+void USysLog::open(const char* identity, bool copy_to_stderr) {
+    openlog(identity, LOG_PID | (copy_to_stderr ? LOG_PERROR : 0), LOG_USER);
 }
 
 void USysLog::close() {

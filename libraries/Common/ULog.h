@@ -24,6 +24,9 @@ public:
     virtual ~USysLog();
 
     static void open(const char* identity);
+    // As open, choosing whether lines are also copied to standard error (a
+    // tool with messages of its own keeps them off its output).
+    static void open(const char* identity, bool copy_to_stderr);
     static void close();
     static void Write(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
     static int error(const char* file, int line, const char* function, int errnum);

@@ -1,4 +1,5 @@
 // pplctl: talks to a running pplcounter the way the recorder's modules do.
+#include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -11,9 +12,11 @@
 #include <string>
 #include <vector>
 
+#include "ConfigCheck.h"
 #include "NModuleInterface.h"
 #include "PPLConstants.h"
 #include "SAttr.h"
+#include "ULog.h"
 
 namespace {
 
@@ -32,7 +35,11 @@ const char* const kUsageText =
     "                    the queue when no module owns it (an owner's events are taken)\n"
     "  camera add N      send event=add_camera&ch=N on queue 601\n"
     "  camera del N      send event=del_camera&ch=N on queue 601\n"
-    "  watch             show the status file, refreshed every second\n"
+    "  watch             show the status file every second (redrawn on a terminal,\n"
+    "                    one snapshot after another otherwise)\n"
+    "  check-config [FILE]  say what the service will do with a configuration file\n"
+    "                    (default /opt/user/ZV318/INIT/ZV318System.ini) and list its\n"
+    "                    problems; contacts neither the service nor a camera\n"
     "\n"
     "Options:\n"
     "  --socket PATH     service command socket (default /tmp/SI_PPLCOUNTER)\n"
@@ -42,7 +49,8 @@ const char* const kUsageText =
     "  -h, --help        this text\n"
     "\n"
     "Exit status: 0 done, 1 the service answered reply=error (or another result),\n"
-    "2 usage error, 3 no answer from the service, 4 system error.\n";
+    "2 usage error, 3 no answer from the service, 4 system error. check-config:\n"
+    "0 no problem, 1 problems found, 2 the file cannot be read.\n";
 
 std::atomic<bool> g_interrupted(false);
 
@@ -59,10 +67,20 @@ struct Options {
 };
 
 int Usage(const char* problem) {
-    if (problem != nullptr)
-        fprintf(stderr, "pplctl: %s\n\n", problem);
-    fputs(kUsageText, problem != nullptr ? stderr : stdout);
-    return problem != nullptr ? kUsage : kOk;
+    if (problem == nullptr) {
+        fputs(kUsageText, stdout);
+        return kOk;
+    }
+    fprintf(stderr, "pplctl: %s (pplctl --help shows the usage)\n", problem);
+    return kUsage;
+}
+
+// Commands that take no argument refuse extra ones rather than ignore them.
+bool ExtraArguments(const Options& o, size_t allowed) {
+    if (o.args.size() <= allowed + 1)
+        return false;
+    Usage((o.args[0] + ": unexpected argument '" + o.args[allowed + 1] + "'").c_str());
+    return true;
 }
 
 bool ParseNumber(const char* text, int* value) {
@@ -100,6 +118,30 @@ int ParseOptions(int argc, char** argv, Options* o) {
     return o->args.empty() ? Usage("no command given") : -1;
 }
 
+// Keeps what the library prints on standard error (its own diagnostics of a
+// failed send) off pplctl's output while it lives; pplctl reports instead.
+class QuietStderr {
+public:
+    QuietStderr() : saved_(dup(STDERR_FILENO)) {
+        fflush(stderr);
+        int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+        if (null >= 0) {
+            dup2(null, STDERR_FILENO);
+            close(null);
+        }
+    }
+    ~QuietStderr() {
+        fflush(stderr);
+        if (saved_ >= 0) {
+            dup2(saved_, STDERR_FILENO);
+            close(saved_);
+        }
+    }
+
+private:
+    int saved_;
+};
+
 // Sends one command from a socket of our own (the service answers the
 // sender's bound path) and returns the reply text, or "" without one.
 int Exchange(const Options& o, const std::string& text, std::string* reply) {
@@ -109,18 +151,21 @@ int Exchange(const Options& o, const std::string& text, std::string* reply) {
         fprintf(stderr, "pplctl: cannot create a socket at %s\n", local.c_str());
         return kSystem;
     }
-    if (client.Send(text.c_str(), static_cast<unsigned int>(text.size())) < 0) {
-        fprintf(stderr,
-                "pplctl: cannot reach the service at %s: is pplcounter running? (start it, or "
-                "give --socket)\n",
+    int sent;
+    {
+        QuietStderr quiet;
+        sent = client.Send(text.c_str(), static_cast<unsigned int>(text.size()));
+    }
+    if (sent < 0) {
+        fprintf(stderr, "pplctl: no service answers on %s: is pplcounter running?\n",
                 o.socket_path.c_str());
         return kNoService;
     }
     if (client.Wait(o.timeout_ms / 1000, (o.timeout_ms % 1000) * 1000) <= 0) {
         fprintf(stderr,
-                "pplctl: no reply within %d ms (the service serves ten commands a "
+                "pplctl: no reply on %s within %d ms (the service serves ten commands a "
                 "second; try a longer --timeout)\n",
-                o.timeout_ms);
+                o.socket_path.c_str(), o.timeout_ms);
         return kNoService;
     }
     char buffer[16384] = {0};
@@ -134,13 +179,16 @@ int ResultOf(const std::string& reply) {
     return reply.compare(0, 13, "reply=success") == 0 ? kOk : kRefused;
 }
 
-int SimpleCommand(const Options& o, const std::string& text, const char* done) {
+int SimpleCommand(const Options& o, const std::string& text, const char* done,
+                  const char* refused = "the service refused the command") {
+    if (ExtraArguments(o, 0))
+        return kUsage;
     std::string reply;
     int rc = Exchange(o, text, &reply);
     if (rc != kOk)
         return rc;
     if (ResultOf(reply) != kOk) {
-        fprintf(stderr, "pplctl: the service refused: %s\n", reply.c_str());
+        fprintf(stderr, "pplctl: %s (reply: %s)\n", refused, reply.c_str());
         return kRefused;
     }
     printf("%s\n", done);
@@ -148,6 +196,8 @@ int SimpleCommand(const Options& o, const std::string& text, const char* done) {
 }
 
 int Status(const Options& o) {
+    if (ExtraArguments(o, 0))
+        return kUsage;
     std::string reply;
     int rc = Exchange(o, "action=ppl_get_service_status", &reply);
     if (rc != kOk)
@@ -180,6 +230,8 @@ bool TimeIsUp(const Options& o, time_t start) {
 }
 
 int Events(const Options& o) {
+    if (ExtraArguments(o, 0))
+        return kUsage;
     NEventMQ opened(ppl::kEventOutKey, false);
     bool owned = opened.GetMQId() < 0;
     NEventMQ created;
@@ -220,22 +272,59 @@ int Camera(const Options& o) {
     return kOk;
 }
 
+// One snapshot of the status file; a missing file is waited for quietly.
+void ShowStatus(const Options& o, bool terminal) {
+    if (terminal)
+        printf("\033[H\033[2J%s  (Ctrl-C ends)\n\n", o.status_path.c_str());
+    else
+        printf("--- %s\n", o.status_path.c_str());
+    SAttr status('=', "\r\n", "\n", nullptr);
+    if (access(o.status_path.c_str(), R_OK) != 0 || !status.LoadFile(o.status_path.c_str()) ||
+        status.GetSize() == 0) {
+        // Rewritten in place once a second: an empty read is read again next time.
+        printf("(waiting for the status file)\n");
+    }
+    for (const auto& kv : status.GetRawData())
+        printf("%-22s %s\n", kv.first.c_str(), kv.second.c_str());
+    fflush(stdout);
+}
+
 int Watch(const Options& o) {
+    if (ExtraArguments(o, 0))
+        return kUsage;
+    bool terminal = isatty(STDOUT_FILENO) == 1;
     time_t start = time(nullptr);
     while (!TimeIsUp(o, start)) {
-        SAttr status('=', "\r\n", "\n", nullptr);
-        bool loaded = status.LoadFile(o.status_path.c_str());
-        printf("\033[H\033[2J%s  (Ctrl-C ends)\n\n", o.status_path.c_str());
-        if (!loaded)
-            printf("(no status file yet: is pplcounter running?)\n");
-        for (const auto& kv : status.GetRawData()) {
-            printf("%-22s %s\n", kv.first.c_str(), kv.second.c_str());
-        }
-        fflush(stdout);
+        ShowStatus(o, terminal);
         for (int i = 0; i < 10 && !TimeIsUp(o, start); ++i)
             usleep(100000);
     }
     return kOk;
+}
+
+int CheckConfigCommand(const Options& o) {
+    if (ExtraArguments(o, 1))
+        return kUsage;
+    std::string path = o.args.size() > 1 ? o.args[1] : ppl::kSystemIniPath;
+    ConfigReport report = CheckConfig(path);
+    if (!report.readable) {
+        fprintf(stderr, "pplctl: cannot read %s: %s\n", path.c_str(),
+                report.why_unreadable.c_str());
+        return 2;
+    }
+    printf("%s:\n", path.c_str());
+    for (const auto& line : report.lines)
+        printf("  %s\n", line.c_str());
+    if (report.problems.empty()) {
+        printf("No problems found.\n");
+        return kOk;
+    }
+    printf("Problems:\n");
+    for (const auto& line : report.problems)
+        printf("  - %s\n", line.c_str());
+    printf("%zu problem%s found.\n", report.problems.size(),
+           report.problems.size() == 1 ? "" : "s");
+    return 1;
 }
 
 }  // namespace
@@ -245,19 +334,31 @@ int main(int argc, char** argv) {
     int rc = ParseOptions(argc, argv, &o);
     if (rc >= 0)
         return rc;
+    // The library's own diagnostics go to syslog only; pplctl says itself
+    // what failed.
+    USysLog::open("pplctl", false);
     signal(SIGINT, OnInterrupt);
     signal(SIGTERM, OnInterrupt);
     const std::string& cmd = o.args[0];
     if (cmd == "status")
         return Status(o);
-    if (cmd == "reload")
-        return SimpleCommand(o, "action=ppl_config_change", "reload requested");
+    if (cmd == "reload") {
+        return SimpleCommand(o, "action=ppl_config_change",
+                             "reload requested; the service reads the configuration at its "
+                             "next pass");
+    }
     if (cmd == "reset") {
         return SimpleCommand(o, "action=ppl_reset_service&group=0",
-                             "cameras stopped; they start again within 5 s");
+                             "reset requested; the cameras get the enable request within 5 s");
     }
-    if (cmd == "clear")
-        return SimpleCommand(o, "action=ppl_clear_counts&group=0", "counts cleared");
+    if (cmd == "clear") {
+        return SimpleCommand(o, "action=ppl_clear_counts&group=0",
+                             "counts cleared: the cameras took the clear request",
+                             "the counts were not cleared: group 0 lacks a camera or a camera "
+                             "did not take the request (the service's log names it)");
+    }
+    if (cmd == "check-config")
+        return CheckConfigCommand(o);
     if (cmd == "send")
         return Send(o);
     if (cmd == "events")

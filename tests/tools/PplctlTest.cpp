@@ -1,0 +1,185 @@
+// pplctl run as a person runs it, checking exit status and every line printed:
+// check-config on a table of files, one per kind of problem; its own messages
+// without a service; usage errors; watch into a pipe.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <fstream>
+#include <map>
+#include <string>
+
+namespace {
+
+const std::map<std::string, std::string> kClean = {{"SERV_PPL_NUM", "1"},
+                                                   {"SERV_PPL_ENABLE", "1"},
+                                                   {"SERV_PPL_TYPE", "LAPI"},
+                                                   {"SERV_PPL_IN_0_CAM", "0"},
+                                                   {"SERV_PPL_OUT_0_CAM", "1"},
+                                                   {"SERV_PPL_STAYIN_0_OVER", "8"},
+                                                   {"SERV_PPL_STAYIN_0_UNDER", "2"},
+                                                   {"SERV_PPL_SETTINGS_0_RESET_ENABLE", "1"},
+                                                   {"SERV_PPL_SETTINGS_0_RESET_TIME", "23:5:0"},
+                                                   {"SERV_PPL_SETTINGS_0_REPORT_INTERVAL", "60"},
+                                                   {"SERV_PPL_SETTINGS_0_SENSITIVITY", "3"},
+                                                   {"SERV_PPL_SETTINGS_0_CLEAR_COUNT", "0"},
+                                                   {"SERV_PPL_CAM_0_IP", "127.0.0.1"},
+                                                   {"SERV_PPL_CAM_0_HTTP", "8001"},
+                                                   {"SERV_PPL_CAM_0_USERNAME", "admin"},
+                                                   {"SERV_PPL_CAM_0_PASSWORD", "admin"},
+                                                   {"SERV_PPL_CAM_1_IP", "127.0.0.1"},
+                                                   {"SERV_PPL_CAM_1_HTTP", "8002"},
+                                                   {"SERV_PPL_CAM_1_USERNAME", "admin"},
+                                                   {"SERV_PPL_CAM_1_PASSWORD", "admin"}};
+
+struct Outcome {
+    int status;
+    std::string out;
+};
+
+Outcome Pplctl(const std::string& args) {
+    std::string command = std::string(PPLCTL) + " " + args + " 2>&1";
+    FILE* pipe = popen(command.c_str(), "r");
+    Outcome run{-1, ""};
+    char buffer[4096];
+    size_t n;
+    while (pipe != nullptr && (n = fread(buffer, 1, sizeof(buffer), pipe)) > 0)
+        run.out.append(buffer, n);
+    int raw = pipe != nullptr ? pclose(pipe) : -1;
+    run.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    return run;
+}
+
+Outcome CheckConfig(const std::string& path) {
+    return Pplctl("check-config '" + path + "'");
+}
+
+std::string WriteConfig(const std::map<std::string, std::string>& changes,
+                        const std::string& extra = "") {
+    std::map<std::string, std::string> keys = kClean;
+    for (const auto& c : changes) {
+        if (c.second == "<missing>")
+            keys.erase(c.first);
+        else
+            keys[c.first] = c.second;
+    }
+    std::string path = testing::TempDir() + "check-config.ini";
+    std::ofstream file(path, std::ios::trunc);
+    for (const auto& kv : keys)
+        file << kv.first << "=" << kv.second << "\n";
+    file << extra;
+    return path;
+}
+
+TEST(CheckConfig, CleanFileSaysWhatTheServiceDoesAndExitsZero) {
+    Outcome run = CheckConfig(WriteConfig({}));
+    EXPECT_EQ(run.status, 0) << run.out;
+    for (const char* line :
+         {"  Counting is on (SERV_PPL_ENABLE=1).\n",
+          "  Group 0: in camera 0 (in, 127.0.0.1:8001), out camera 1 (out, 127.0.0.1:8002).\n",
+          "  Stay-in alarms: over when 8 or more are inside, under when 2 or fewer.\n",
+          "  Settings request to camera 1: action=ppl_setdata&Reset=0&TimeReset=1&Type=time&Hour=23"
+          "&Min=5&Sec=0&Sensitivity=3&ReportTime=60\n",
+          "No problems found.\n"})
+        EXPECT_NE(run.out.find(line), std::string::npos) << line << "\nin:\n" << run.out;
+}
+
+TEST(CheckConfig, EachProblemIsOneLineWithKeyValueAndConsequence) {
+    const struct {
+        std::map<std::string, std::string> changes;
+        std::string extra, line;
+    } cases[] = {
+        {{{"SERV_PPL_ENABLE", "<missing>"}},
+         "",
+         "SERV_PPL_ENABLE is missing: counting is off and every camera is stopped."},
+        {{{"SERV_PPL_SETTINGS_0_SENSITIVITY", "<missing>"}},
+         "",
+         "SERV_PPL_SETTINGS_0_SENSITIVITY is missing: the group's settings are incomplete and "
+         "skipped; no settings request is sent."},
+        {{{"SERV_PPL_OUT_0_CAM", "7"}},
+         "",
+         "SERV_PPL_OUT_0_CAM=7: the service ignores this camera (LAPI channels are 0 to 3)."},
+        {{{"SERV_PPL_CAM_1_HTTP", "99999"}},
+         "",
+         "SERV_PPL_CAM_1_HTTP=99999: port outside 1-65535; the service would connect to port "
+         "34463."},
+        {{{"SERV_PPL_CAM_0_IP", "camera-a"}},
+         "",
+         "SERV_PPL_CAM_0_IP=camera-a: not a dotted IPv4 address; the service cannot reach the "
+         "camera (host names are not looked up)."},
+        {{{"SERV_PPL_STAYIN_0_OVER", "8x"}},
+         "",
+         "SERV_PPL_STAYIN_0_OVER=8x: not a number; the service reads it as 8."},
+        {{{"SERV_PPL_STAYIN_0_UNDER", "9"}},
+         "",
+         "SERV_PPL_STAYIN_0_OVER=8, SERV_PPL_STAYIN_0_UNDER=9: the over limit is not above the "
+         "under limit; a stay-in that meets both raises the over alarm only."},
+        {{}, "just words\n", "\"just words\": no \"=\"; the service skips the line."},
+        {{},
+         "SERV_PPL_EXTRA=\n",
+         "\"SERV_PPL_EXTRA=\": empty key or value; the service skips the line."},
+        {{{"SERV_PPL_CAM_1_PASSWORD", "<missing>"}},
+         "",
+         "SERV_PPL_CAM_1_PASSWORD is missing: settings, enable and clear requests to camera 1 "
+         "fail (\"PPL Cam config is incomplete\")."},
+    };
+    for (const auto& c : cases) {
+        Outcome run = CheckConfig(WriteConfig(c.changes, c.extra));
+        EXPECT_EQ(run.status, 1) << c.line;
+        EXPECT_NE(run.out.find(c.line + "\n"), std::string::npos) << c.line << "\nin:\n" << run.out;
+        EXPECT_NE(run.out.find("1 problem found.\n"), std::string::npos) << run.out;
+    }
+}
+
+TEST(CheckConfig, GarbageMeansCountingOffAndUnreadableMeansExitTwo) {
+    std::string path = testing::TempDir() + "garbage.ini";
+    std::ofstream(path, std::ios::binary) << std::string(
+        "\x7f"
+        "ELF\x01\x00\x02=\x03\xff",
+        11);
+    Outcome run = CheckConfig(path);
+    EXPECT_EQ(run.status, 1);
+    EXPECT_NE(run.out.find("is not a text file"), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find("SERV_PPL_ENABLE is missing: counting is off"), std::string::npos);
+
+    for (const std::string& unreadable : {testing::TempDir() + "absent.ini", testing::TempDir()}) {
+        run = CheckConfig(unreadable);
+        EXPECT_EQ(run.status, 2) << run.out;
+        EXPECT_EQ(run.out.rfind("pplctl: cannot read " + unreadable + ": ", 0), 0u) << run.out;
+    }
+}
+
+TEST(Pplctl, SpeaksForItselfWithoutAServiceAndOnUsageErrors) {
+    std::string socket = testing::TempDir() + "no-service";
+    Outcome run = Pplctl("--socket " + socket + " status");
+    EXPECT_EQ(run.status, 3);
+    EXPECT_EQ(run.out, "pplctl: no service answers on " + socket + ": is pplcounter running?\n");
+    const struct {
+        const char* args;
+        std::string out;
+    } usage[] = {
+        {"status extra",
+         "pplctl: status: unexpected argument 'extra' (pplctl --help shows the usage)\n"},
+        {"frobnicate", "pplctl: unknown command frobnicate (pplctl --help shows the usage)\n"},
+        {"", "pplctl: no command given (pplctl --help shows the usage)\n"},
+        {"camera add 9",
+         "pplctl: camera takes 'add N' or 'del N' with a channel 0 to 3 (pplctl "
+         "--help shows the usage)\n"}};
+    for (const auto& u : usage) {
+        run = Pplctl(u.args);
+        EXPECT_EQ(run.status, 2) << u.args;
+        EXPECT_EQ(run.out, u.out);
+    }
+}
+
+TEST(Pplctl, WatchIntoAPipePrintsPlainSnapshotsAndWaitsForAMissingFile) {
+    std::string status = testing::TempDir() + "watch-status.ini";
+    remove(status.c_str());
+    Outcome run = Pplctl("--status " + status + " --seconds 1 watch | cat");
+    EXPECT_EQ(run.out, "--- " + status + "\n(waiting for the status file)\n");
+    std::ofstream(status) << "PPL.Enable = 1\nPPL.In0.Count = 4\n";
+    run = Pplctl("--status " + status + " --seconds 1 watch | cat");
+    EXPECT_EQ(run.out, "--- " + status + "\nPPL.Enable             1\nPPL.In0.Count          4\n");
+}
+
+}  // namespace
