@@ -230,5 +230,36 @@ TEST_F(LapiService, SecondInstanceExitsAtOnceAndTheFirstKeepsServing) {
     EXPECT_EQ(h_->StopService(SIGTERM), 0);
 }
 
+// pplctl as an operator runs it: a clear empties the cameras' totals and the
+// group's counts follow; a reset switches the cameras' counting off at once
+// and on again within the restart check.
+TEST_F(LapiService, ClearAndResetFromPplctlActOnTheCamerasAndTheCountsFollow) {
+    StartCounting();
+    auto pplctl = [](const std::string& command) {
+        Child ctl;
+        if (!ctl.Start({BuiltFile("pplctl"), command}, "/tmp") || !ctl.Wait(10000))
+            return std::string("pplctl did not run");
+        return ctl.Stdout() + ctl.Stderr();
+    };
+    in_cam_->Walk(4, 0);
+    out_cam_->Walk(0, 1);
+    ASSERT_TRUE(h_->WaitEvent("event=ppl_count&in0=4&out0=1&stayin0=3"));
+    EXPECT_EQ(pplctl("clear"), "counts cleared: the cameras took the clear request\n");
+    EXPECT_EQ(in_cam_->GetTotals().in, 0);
+    EXPECT_EQ(out_cam_->GetTotals().out, 0);
+    EXPECT_TRUE(h_->WaitEvent("event=ppl_count&in0=0&out0=0&stayin0=0"));
+
+    EXPECT_EQ(pplctl("reset"), "reset requested; the cameras get the enable request within 5 s\n");
+    EXPECT_FALSE(in_cam_->CountingEnabled());
+    EXPECT_FALSE(out_cam_->CountingEnabled());
+    EXPECT_EQ(in_cam_->Walk(1, 0), 0) << "a camera switched off counts nobody";
+    EXPECT_TRUE(WaitFor(7000, [&] { return in_cam_->CountingEnabled(); }));
+    EXPECT_TRUE(WaitFor(1000, [&] { return out_cam_->CountingEnabled(); }));
+    h_->ForgetEvents();
+    in_cam_->Walk(2, 0);
+    EXPECT_TRUE(h_->WaitEvent("event=ppl_count&in0=2&out0=0&stayin0=2"));
+    EXPECT_EQ(h_->StopService(SIGTERM), 0);
+}
+
 }  // namespace
 }  // namespace ppltest

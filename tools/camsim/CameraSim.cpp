@@ -512,10 +512,22 @@ std::string Camera::EventMessage(const std::string& json) {
            std::to_string(json.size()) + "\r\n\r\n" + json;
 }
 
+void Camera::SetCountingEnabled(bool on) {
+    std::lock_guard<std::mutex> guard(lock_);
+    counting_enabled_ = on;
+}
+
+bool Camera::CountingEnabled() {
+    std::lock_guard<std::mutex> guard(lock_);
+    return counting_enabled_;
+}
+
 int Camera::Walk(int obj_in, int obj_out) {
     std::string body;
     {
         std::lock_guard<std::mutex> guard(lock_);
+        if (!counting_enabled_)
+            return 0;
         totals_.in += obj_in;
         totals_.out += obj_out;
         body = EventBody(obj_in, obj_out, totals_);
@@ -664,6 +676,21 @@ void Camera::OnEvent(std::function<void(const std::string&, int)> listener) {
 void Camera::OnRequest(std::function<void(const Request&)> listener) {
     std::lock_guard<std::mutex> guard(lock_);
     on_request_ = std::move(listener);
+}
+
+void Camera::OnNote(std::function<void(const std::string&)> listener) {
+    std::lock_guard<std::mutex> guard(lock_);
+    on_note_ = std::move(listener);
+}
+
+void Camera::Note(const std::string& text) {
+    std::function<void(const std::string&)> listener;
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        listener = on_note_;
+    }
+    if (listener)
+        listener(text);
 }
 
 bool RegisterCameraKind(const CameraKind& kind) {

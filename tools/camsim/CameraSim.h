@@ -121,6 +121,11 @@ public:
     static std::string EventMessage(const std::string& json);
     static std::string EventBody(int obj_in, int obj_out, const Totals& totals);
 
+    // Counting as a camera switches it with "Enable=0" and "Enable=1": while
+    // off, people walking past are not counted and Walk sends nothing.
+    void SetCountingEnabled(bool on);
+    bool CountingEnabled();
+
     // People-walking model: random arrivals at people_per_min, each one in or
     // out (out only while someone is inside). 0 stops it.
     void StartWalking(double people_per_min, uint32_t seed);
@@ -145,6 +150,10 @@ public:
     // after every request received; for the executable's output.
     void OnEvent(std::function<void(const std::string&, int)> listener);
     void OnRequest(std::function<void(const Request&)> listener);
+    // Called with a line for the executable's output when the camera takes
+    // a settings or enable request.
+    void OnNote(std::function<void(const std::string&)> listener);
+    void Note(const std::string& text);
 
 private:
     struct Conn;
@@ -178,6 +187,8 @@ private:
     std::map<std::pair<std::string, std::string>, Handler> routes_;
     std::function<void(const std::string&, int)> on_event_;
     std::function<void(const Request&)> on_request_;
+    std::function<void(const std::string&)> on_note_;
+    bool counting_enabled_ = true;
     std::mutex lock_;
     std::condition_variable changed_;
     std::thread acceptor_;

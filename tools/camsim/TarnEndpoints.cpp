@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <map>
+#include <sstream>
 #include <thread>
 
 namespace camsim {
@@ -10,6 +12,19 @@ namespace {
 
 constexpr const char* kTotalsPath = "/3dpc/v1/totals";
 constexpr const char* kResetPath = "/3dpc/v1/totals/reset";
+
+// "action=ppl_setdata&Enable=1" as its fields.
+std::map<std::string, std::string> SettingsFields(const std::string& body) {
+    std::map<std::string, std::string> fields;
+    std::istringstream in(body);
+    std::string field;
+    while (std::getline(in, field, '&')) {
+        size_t eq = field.find('=');
+        if (eq != std::string::npos)
+            fields[field.substr(0, eq)] = field.substr(eq + 1);
+    }
+    return fields;
+}
 constexpr const char* kSettingsPath = "/va/v1/ppl/command";
 
 int Base64Value(char c) {
@@ -87,7 +102,7 @@ struct TarnEndpoints::State {
 
     bool Authorized(const Request& req);
     void ServeCounting(Camera& camera, bool reset, Exchange& ex);
-    void ServeSettings(const Request& req, Exchange& ex);
+    void ServeSettings(Camera& camera, const Request& req, Exchange& ex);
 };
 
 bool TarnEndpoints::State::Authorized(const Request& req) {
@@ -136,7 +151,10 @@ void TarnEndpoints::State::ServeCounting(Camera& camera, bool reset, Exchange& e
     ex.Reply(answer, body, "text/plain");
 }
 
-void TarnEndpoints::State::ServeSettings(const Request& req, Exchange& ex) {
+// A request the camera takes is obeyed as a camera would: "Enable" switches
+// its counting, "Reset=1" clears its totals (and it reports the new ones);
+// the other settings are kept in the record of requests.
+void TarnEndpoints::State::ServeSettings(Camera& camera, const Request& req, Exchange& ex) {
     int status;
     {
         std::lock_guard<std::mutex> guard(lock);
@@ -144,10 +162,24 @@ void TarnEndpoints::State::ServeSettings(const Request& req, Exchange& ex) {
         if (status == 0)
             settings.push_back(req.body);
     }
-    if (status != 0)
+    if (status != 0) {
         ex.Reply(status, "rejected\n", "text/plain");
-    else
-        ex.Reply(200, "ok\n", "text/plain");
+        return;
+    }
+    ex.Reply(200, "ok\n", "text/plain");
+    std::map<std::string, std::string> fields = SettingsFields(req.body);
+    if (fields.count("Enable") != 0) {
+        bool on = fields["Enable"] != "0";
+        camera.SetCountingEnabled(on);
+        camera.Note(on ? "counting enabled" : "counting disabled");
+    }
+    if (fields.count("Reset") != 0) {
+        if (fields["Reset"] == "1") {
+            camera.SetTotals(0, 0);
+            camera.SendTotals();
+        }
+        camera.Note("settings taken: " + req.body);
+    }
 }
 
 TarnEndpoints::TarnEndpoints(Camera& camera, const std::string& user, const std::string& password)
@@ -167,12 +199,12 @@ TarnEndpoints::TarnEndpoints(Camera& camera, const std::string& user, const std:
     };
     camera.AddRoute("GET", kTotalsPath, counting(false));
     camera.AddRoute("POST", kResetPath, counting(true));
-    camera.AddRoute("POST", kSettingsPath, [state](const Request& req, Exchange& ex) {
+    camera.AddRoute("POST", kSettingsPath, [state, cam](const Request& req, Exchange& ex) {
         ex.CloseAfter();
         if (!state->Authorized(req))
             ex.Reply(401, "unauthorized\n", "text/plain");
         else
-            state->ServeSettings(req, ex);
+            state->ServeSettings(*cam, req, ex);
     });
 }
 

@@ -174,6 +174,8 @@ std::unique_ptr<camsim::Camera> StartCamera(const Options& opt, const std::strin
         Say("camsim: [%s%d] event to %s\n", tag, bound,
             std::to_string(receivers) + " subscriber(s): " + body);
     });
+    cam->OnNote(
+        [tag, bound](const std::string& note) { Say("camsim: [%s%d] %s\n", tag, bound, note); });
     if (opt.verbose) {
         cam->OnRequest([tag, bound](const camsim::Request& req) {
             Say("camsim: [%s%d] request %s\n", tag, bound,
