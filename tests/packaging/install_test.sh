@@ -43,6 +43,10 @@ check_install "$stage" env DESTDIR="$stage" cmake --install "$build" --prefix /u
 ./usr/$libdir/libUBrandLAPIClient.so.1
 ./usr/lib/systemd/system/pplcounter.service
 ./usr/sbin/pplcounter
+./usr/share/doc/pplcounter/ZV318System.ini.example
+./usr/share/man/man1/camsim.1
+./usr/share/man/man1/pplctl.1
+./usr/share/man/man8/pplcounter.8
 EOF2
 grep -qx 'DAEMON=/usr/sbin/pplcounter' "$stage/etc/init.d/pplcounter" || fail "init script for /usr"
 grep -qx 'ExecStart=/usr/sbin/pplcounter' "$stage/usr/lib/systemd/system/pplcounter.service" ||
@@ -55,6 +59,8 @@ check_install "$prefix" cmake --install "$build" --prefix "$prefix" --component 
 ./$libdir/libUBrandLAPIClient.so.1
 ./lib/systemd/system/pplcounter.service
 ./sbin/pplcounter
+./share/doc/pplcounter/ZV318System.ini.example
+./share/man/man8/pplcounter.8
 EOF2
 unit=$prefix/lib/systemd/system/pplcounter.service
 grep -qx "DAEMON=$prefix/sbin/pplcounter" "$prefix/etc/init.d/pplcounter" || fail "init script for $prefix"

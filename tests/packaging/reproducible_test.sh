@@ -13,7 +13,7 @@ jobs=$(nproc 2>/dev/null || echo 2)
 trees=("$work/a" "$work/second-copy/of-the-tree")
 for tree in "${trees[@]}"; do
     mkdir -p "$tree"
-    git -C "$src" ls-files -z | tar -C "$src" --null -T - -cf - | tar -C "$tree" -xf -
+    git -C "$src" ls-files -z --cached --others --exclude-standard | tar -C "$src" --null -T - -cf - | tar -C "$tree" -xf -
     cmake -S "$tree" -B "$tree/out" -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF >/dev/null
     cmake --build "$tree/out" -j"$jobs" >/dev/null
     DESTDIR=$tree/stage cmake --install "$tree/out" --prefix /usr --strip >/dev/null
