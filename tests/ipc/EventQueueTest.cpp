@@ -23,11 +23,7 @@ const int kKey = 601;
 // A private IPC namespace per test: the fixed keys collide with nothing.
 class EventQueue : public ::testing::Test {
 protected:
-    void SetUp() override {
-        std::string why;
-        if (!ppltest::EnterIpcNamespace(&why))
-            GTEST_SKIP() << why;
-    }
+    void SetUp() override { PPL_ENTER_IPC_NAMESPACE_OR_SKIP(); }
 };
 
 // Runs body in a forked child; Reap returns body's result.

@@ -10,6 +10,9 @@ src=$1 build=$2
 fail() { echo "FAIL: $*"; exit 1; }
 
 if [ "${3:-}" != inside ]; then
+    # shellcheck source=tests/support/namespaces.sh
+    . "$(dirname "$0")/../support/namespaces.sh"
+    require_namespaces
     command -v busybox >/dev/null || fail "busybox is not installed (scripts/setup-deps installs it)"
     stage=$build/initscript-stage
     rm -rf "$stage"

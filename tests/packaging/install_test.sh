@@ -7,6 +7,9 @@
 set -euo pipefail
 build=$1
 fail() { echo "FAIL: $*"; exit 1; }
+# shellcheck source=tests/support/namespaces.sh
+. "$(dirname "$0")/../support/namespaces.sh"
+require_namespaces
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT

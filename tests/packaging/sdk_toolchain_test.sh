@@ -7,6 +7,9 @@
 set -euo pipefail
 src=$1
 fail() { echo "FAIL: $*"; exit 1; }
+# shellcheck source=tests/support/namespaces.sh
+. "$(dirname "$0")/../support/namespaces.sh"
+require_namespaces
 triplet=arm-linux-gnueabihf
 command -v "$triplet-g++" >/dev/null || fail "$triplet-g++ is not installed"
 

@@ -10,6 +10,6 @@ while IFS= read -r f; do
     if [ -f "$f" ] && head -n 1 "$f" | grep -qE '^#!.*(ba)?sh'; then scripts+=("$f"); fi
 done < <(git ls-files)
 [ ${#scripts[@]} -gt 0 ] || { echo "FAIL: no shell script found"; exit 1; }
-shellcheck "${scripts[@]}"
+shellcheck -x "${scripts[@]}"
 shellcheck -s sh packaging/init.d/pplcounter.in
 echo "PASS: ${#scripts[@]} scripts"

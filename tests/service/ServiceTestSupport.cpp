@@ -7,9 +7,7 @@
 namespace ppltest {
 
 void ServiceTest::SetUp() {
-    std::string why;
-    if (!EnterIpcNamespace(&why))
-        GTEST_SKIP() << why;
+    PPL_ENTER_IPC_NAMESPACE_OR_SKIP();
     char templ[] = "/tmp/pplsvc-XXXXXX";
     ASSERT_NE(mkdtemp(templ), nullptr);
     dir_ = templ;

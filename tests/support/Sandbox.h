@@ -24,13 +24,24 @@ bool EnterIpcNamespace(std::string* why);
 // (the checkout may live under /tmp).
 std::string BuiltFile(const std::string& relative);
 
-// Skips the current test when the sandbox cannot be entered.
-#define PPL_ENTER_SANDBOX_OR_SKIP()          \
-    do {                                     \
-        std::string why_;                    \
-        if (!::ppltest::EnterSandbox(&why_)) \
-            GTEST_SKIP() << why_;            \
+// Tests that need private namespaces fail where the kernel refuses them,
+// unless PPL_ALLOW_NO_NAMESPACES=1 explicitly allows skipping them.
+bool NamespacesMayBeSkipped();
+
+#define PPL_NAMESPACE_OR_FAIL(enter)                                                       \
+    do {                                                                                   \
+        std::string why_;                                                                  \
+        if (!(enter)(&why_)) {                                                             \
+            if (::ppltest::NamespacesMayBeSkipped())                                       \
+                GTEST_SKIP() << why_;                                                      \
+            FAIL() << "the kernel refuses private namespaces (" << why_                    \
+                   << "); set PPL_ALLOW_NO_NAMESPACES=1 to skip the tests that need them"; \
+        }                                                                                  \
     } while (0)
+
+// Enters the sandbox, or fails (skips, where allowed) the current test.
+#define PPL_ENTER_SANDBOX_OR_SKIP() PPL_NAMESPACE_OR_FAIL(::ppltest::EnterSandbox)
+#define PPL_ENTER_IPC_NAMESPACE_OR_SKIP() PPL_NAMESPACE_OR_FAIL(::ppltest::EnterIpcNamespace)
 
 // A child process with standard output and error captured in files.
 class Child {

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <stdlib.h>
+
 #include <cstdio>
 #include <fstream>
 #include <map>
@@ -31,6 +33,24 @@ const std::map<std::string, std::string> kClean = {{"SERV_PPL_NUM", "1"},
                                                    {"SERV_PPL_CAM_1_HTTP", "8002"},
                                                    {"SERV_PPL_CAM_1_USERNAME", "admin"},
                                                    {"SERV_PPL_CAM_1_PASSWORD", "admin"}};
+
+// One fresh directory per test program, so runs side by side never meet.
+const std::string& Scratch() {
+    static const std::string dir = [] {
+        std::string templ = testing::TempDir() + "pplctl-test-XXXXXX";
+        return mkdtemp(&templ[0]) != nullptr ? templ + "/" : testing::TempDir();
+    }();
+    return dir;
+}
+
+class ScratchCleanup : public testing::Environment {
+    void TearDown() override {
+        if (Scratch() != testing::TempDir()) {
+            EXPECT_EQ(system(("rm -rf '" + Scratch() + "'").c_str()), 0);
+        }
+    }
+};
+testing::Environment* const kCleanup = testing::AddGlobalTestEnvironment(new ScratchCleanup);
 
 struct Outcome {
     int status;
@@ -63,7 +83,7 @@ std::string WriteConfig(const std::map<std::string, std::string>& changes,
         else
             keys[c.first] = c.second;
     }
-    std::string path = testing::TempDir() + "check-config.ini";
+    std::string path = Scratch() + "check-config.ini";
     std::ofstream file(path, std::ios::trunc);
     for (const auto& kv : keys)
         file << kv.first << "=" << kv.second << "\n";
@@ -132,7 +152,7 @@ TEST(CheckConfig, EachProblemIsOneLineWithKeyValueAndConsequence) {
 }
 
 TEST(CheckConfig, GarbageMeansCountingOffAndUnreadableMeansExitTwo) {
-    std::string path = testing::TempDir() + "garbage.ini";
+    std::string path = Scratch() + "garbage.ini";
     std::ofstream(path, std::ios::binary) << std::string(
         "\x7f"
         "ELF\x01\x00\x02=\x03\xff",
@@ -142,7 +162,7 @@ TEST(CheckConfig, GarbageMeansCountingOffAndUnreadableMeansExitTwo) {
     EXPECT_NE(run.out.find("is not a text file"), std::string::npos) << run.out;
     EXPECT_NE(run.out.find("SERV_PPL_ENABLE is missing: counting is off"), std::string::npos);
 
-    for (const std::string& unreadable : {testing::TempDir() + "absent.ini", testing::TempDir()}) {
+    for (const std::string& unreadable : {Scratch() + "absent.ini", Scratch()}) {
         run = CheckConfig(unreadable);
         EXPECT_EQ(run.status, 2) << run.out;
         EXPECT_EQ(run.out.rfind("pplctl: cannot read " + unreadable + ": ", 0), 0u) << run.out;
@@ -150,7 +170,7 @@ TEST(CheckConfig, GarbageMeansCountingOffAndUnreadableMeansExitTwo) {
 }
 
 TEST(Pplctl, SpeaksForItselfWithoutAServiceAndOnUsageErrors) {
-    std::string socket = testing::TempDir() + "no-service";
+    std::string socket = Scratch() + "no-service";
     Outcome run = Pplctl("--socket " + socket + " status");
     EXPECT_EQ(run.status, 3);
     EXPECT_EQ(run.out, "pplctl: no service answers on " + socket + ": is pplcounter running?\n");
@@ -173,7 +193,7 @@ TEST(Pplctl, SpeaksForItselfWithoutAServiceAndOnUsageErrors) {
 }
 
 TEST(Pplctl, WatchIntoAPipePrintsPlainSnapshotsAndWaitsForAMissingFile) {
-    std::string status = testing::TempDir() + "watch-status.ini";
+    std::string status = Scratch() + "watch-status.ini";
     remove(status.c_str());
     Outcome run = Pplctl("--status " + status + " --seconds 1 watch | cat");
     EXPECT_EQ(run.out, "--- " + status + "\n(waiting for the status file)\n");

@@ -6,6 +6,9 @@
 set -euo pipefail
 src=$1 build=$2
 fail() { echo "FAIL: $*"; exit 1; }
+# shellcheck source=tests/support/namespaces.sh
+. "$(dirname "$0")/../support/namespaces.sh"
+require_namespaces
 
 commands=$(sed -n '/^<!-- by-hand commands/,/^```$/p' "$src/docs/integration.md" | sed '1,2d;$d')
 [ -n "$commands" ] || fail "no by-hand block in docs/integration.md"

@@ -1,6 +1,9 @@
 #!/usr/bin/env bash
 # The demo runs for 5 seconds by itself, shows counts and ends with status 0.
 set -uo pipefail
+# shellcheck source=tests/support/namespaces.sh
+. "$(dirname "$0")/../support/namespaces.sh"
+require_namespaces
 src=$1 build=$2
 cd "$src" || exit 1
 out=$(PPL_BUILD_DIR="$build" unshare --ipc --mount --net --map-root-user scripts/demo-inside 5 2>&1)

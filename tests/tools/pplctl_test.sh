@@ -1,7 +1,13 @@
 #!/usr/bin/env bash
 # Each pplctl subcommand once against the real service and simulated cameras.
-# Runs inside private namespaces (see CMakeLists.txt).
+# Runs inside private namespaces, which it enters itself.
 set -uo pipefail
+if [ "${3:-}" != inside ]; then
+    # shellcheck source=tests/support/namespaces.sh
+    . "$(dirname "$0")/../support/namespaces.sh"
+    require_namespaces
+    exec unshare --ipc --mount --net --map-root-user "$0" "$1" "$2" inside
+fi
 # $1, the source directory, is not needed here.
 # The build tree may live under /tmp: keep a handle on it before covering /tmp.
 exec 3<"$2"
