@@ -6,6 +6,8 @@
 #include <cstring>
 #include <ctime>
 
+#include "ULog.h"
+
 namespace {
 
 // Held around every request to a 3DPC camera, by every 3DPC counter of the
@@ -39,11 +41,6 @@ std::string FieldText(const char* field, size_t size) {
     return std::string(field, strnlen(field, size));
 }
 
-std::string ErrnoText(int err) {
-    char buf[128];
-    return strerror_r(err, buf, sizeof(buf));
-}
-
 }  // namespace
 
 Tarn_3DPC_Counter::Tarn_3DPC_Counter(int idx)
@@ -75,7 +72,7 @@ void Tarn_3DPC_Counter::start() {
     int err = pthread_create(&thread, nullptr, func_count_thread, this);
     if (err != 0) {
         fprintf(stderr, "%s(): pthread_create error, err = %d, %s\n", "start", err,
-                ErrnoText(err).c_str());
+                UError::Text(err).c_str());
         running = false;
     }
 }
@@ -173,10 +170,8 @@ int Tarn_3DPC_Counter::get_ppl_total_cam_in() {
 int Tarn_3DPC_Counter::get_ppl_total_cam_out() {
     return total_out;
 }
-// The camera's totals are any 32-bit values it sends: wrap, never overflow.
 int Tarn_3DPC_Counter::get_ppl_total_cam_stayin() {
-    return static_cast<int>(static_cast<unsigned int>(total_in) -
-                            static_cast<unsigned int>(total_out));
+    return PPL_Stayin(total_in, total_out);
 }
 
 void Tarn_3DPC_Counter::reset_ppl_total_counts() {
@@ -211,7 +206,7 @@ int Tarn_3DPC_Counter::SendPPLRequest() {
     if (ret != 0) {
         int err = errno;
         fprintf(stderr, "%s(): Send request error, ret = %d, err = %d, %s\n", "SendPPLRequest", ret,
-                err, ErrnoText(err).c_str());
+                err, UError::Text(err).c_str());
         return ret;
     }
     std::memset(&context, 0, sizeof(context));

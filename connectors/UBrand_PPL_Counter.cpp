@@ -12,6 +12,8 @@
 #include <cstring>
 #include <ctime>
 
+#include "ULog.h"
+#include "UWait.h"
 #include "ipc_va.h"
 
 namespace {
@@ -20,11 +22,6 @@ const unsigned int kConnectTimeoutMs = 3000;
 const int kTargetPollMs = 200;
 const int kConnectRetryMs = 2000;
 const long kEventWaitUs = 200000;
-
-std::string errno_text(int err) {
-    char buf[128];
-    return strerror_r(err, buf, sizeof(buf));
-}
 
 // Reads a number as a stream reads an int, without a stream's cost on every
 // event: blanks skipped, an optional sign, decimal digits up to the first
@@ -47,11 +44,6 @@ bool ReadInt(const char* p, const char* end, int* value) {
         return false;
     *value = static_cast<int>(negative ? -n : n);
     return true;
-}
-
-// Wraps like the camera's own signed 32-bit arithmetic, without overflow.
-int wrapping_difference(int a, int b) {
-    return static_cast<int>(static_cast<unsigned int>(a) - static_cast<unsigned int>(b));
 }
 
 }  // namespace
@@ -108,7 +100,7 @@ void UBrand_PPL_Counter::start() {
         // Not running, so that a later start() tries again.
         running = false;
         fprintf(stderr, "%s(): pthread_create is failed, errno:%d, %s\n", "start", err,
-                errno_text(err).c_str());
+                UError::Text(err).c_str());
     }
 }
 
@@ -164,7 +156,7 @@ int UBrand_PPL_Counter::get_ppl_total_cam_out() {
 }
 
 int UBrand_PPL_Counter::get_ppl_total_cam_stayin() {
-    return wrapping_difference(total_in, total_out);
+    return PPL_Stayin(total_in, total_out);
 }
 
 void UBrand_PPL_Counter::reset_ppl_total_counts() {
@@ -199,18 +191,7 @@ void UBrand_PPL_Counter::DrainWake() {
 }
 
 bool UBrand_PPL_Counter::Pause(int ms) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    while (true) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                        deadline - std::chrono::steady_clock::now())
-                        .count();
-        if (left <= 0)
-            return true;
-        pollfd wake = {wake_fd, POLLIN, 0};
-        int ready = poll(&wake, wake_fd >= 0 ? 1 : 0, static_cast<int>(left));
-        if (ready > 0)
-            return false;
-    }
+    return UWait::Until(-1, 0, {wake_fd}, ms) != UWaitResult::Woken;
 }
 
 // Between messages the worker sleeps until the camera sends or stop()
@@ -224,30 +205,19 @@ bool UBrand_PPL_Counter::AwaitMessage(int fd) {
         return true;
     using Clock = std::chrono::steady_clock;
     const Clock::time_point began = Clock::now();
-    const auto wait = std::chrono::microseconds(kEventWaitUs);
-    bool kicked = false;
-    Clock::time_point wait_ends;
-    while (true) {
-        int timeout = -1;
-        if (kicked) {
-            auto left =
-                std::chrono::duration_cast<std::chrono::milliseconds>(wait_ends - Clock::now());
-            timeout = left.count() > 0 ? static_cast<int>(left.count()) : 0;
-        }
-        pollfd fds[3] = {{fd, POLLIN, 0}, {wake_fd, POLLIN, 0}, {kick_fd, POLLIN, 0}};
-        int ready = poll(fds, kicked ? 2 : 3, timeout);
-        if (ready < 0 && errno == EINTR)
-            continue;
-        if (ready > 0 && !kicked && (fds[2].revents & POLLIN)) {
-            uint64_t value;
-            ssize_t n = read(kick_fd, &value, sizeof(value));
-            (void)n;
-            kicked = true;
-            wait_ends = began + ((Clock::now() - began) / wait + 1) * wait;
-            continue;
-        }
-        return ready > 0 && fds[0].revents != 0;
+    int woken = -1;
+    UWaitResult result = UWait::Until(fd, POLLIN, {wake_fd, kick_fd}, -1, &woken);
+    if (result == UWaitResult::Woken && woken == kick_fd) {
+        uint64_t value;
+        ssize_t n = read(kick_fd, &value, sizeof(value));
+        (void)n;
+        // The reconnect is taken up at the end of the 200 ms slice it came in.
+        const auto slice = std::chrono::microseconds(kEventWaitUs);
+        auto ends = began + ((Clock::now() - began) / slice + 1) * slice;
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(ends - Clock::now());
+        result = UWait::Until(fd, POLLIN, {wake_fd}, left.count() > 0 ? int(left.count()) : 0);
     }
+    return result == UWaitResult::Ready;
 }
 
 // Waits while the address or the port is missing; false once stopped.
@@ -277,7 +247,7 @@ void UBrand_PPL_Counter::WriteThreadLiveRecog() {
                 break;  // the attempt was abandoned by stop()
             int err = errno;
             fprintf(stderr, "%s(): connect is failed, errno:%d, %s\n", "WriteThreadLiveRecog", err,
-                    errno_text(err).c_str());
+                    UError::Text(err).c_str());
             Pause(kConnectRetryMs);
             continue;
         }
@@ -320,7 +290,7 @@ void UBrand_PPL_Counter::ReceiveEvents(int fd) {
                 continue;  // woken by stop()
             int err = errno;
             fprintf(stderr, "%s(): recv is failed, errno:%d, %s\n", "WriteThreadLiveRecog", err,
-                    errno_text(err).c_str());
+                    UError::Text(err).c_str());
             last_activity = GetTickCount();
             return;
         }

@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "UWait.h"
+
 namespace {
 
 const int kStateMalformed = 11;
@@ -157,11 +159,6 @@ int scan(HTTP_CONTEXT* ctx) {
     return 0;
 }
 
-int wait_ms(const timeval& wait) {
-    long long ms = static_cast<long long>(wait.tv_sec) * 1000 + (wait.tv_usec + 999) / 1000;
-    return ms > 0x7fffffff ? 0x7fffffff : static_cast<int>(ms < 0 ? 0 : ms);
-}
-
 // Most a single look at the socket takes: an event head is about a hundred
 // bytes, so one look usually holds the whole head and the body after it.
 const uint32_t kLookSize = 512;
@@ -169,19 +166,13 @@ const uint32_t kLookSize = 512;
 // Waits for the next byte under the caller's wait: 1 when one is there, 0
 // when the wait ran out or wake_fd became readable, minus errno on failure.
 int wait_for_byte(int fd, const timeval& wait, int wake_fd) {
-    while (true) {
-        pollfd fds[2] = {{fd, POLLIN, 0}, {wake_fd, POLLIN, 0}};
-        int ready = poll(fds, wake_fd >= 0 ? 2 : 1, wait_ms(wait));
-        if (ready == 0)
-            return 0;
-        if (ready < 0) {
-            if (errno == EINTR)
-                continue;
+    switch (UWait::Until(fd, POLLIN, {wake_fd}, UWait::Ms(wait))) {
+        case UWaitResult::Ready:
+            return 1;
+        case UWaitResult::Error:
             return -errno;
-        }
-        if (wake_fd >= 0 && (fds[1].revents & POLLIN))
+        default:
             return 0;
-        return 1;
     }
 }
 

@@ -8,12 +8,13 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 
+#include "UWait.h"
 #include "http_parser.h"
 
 namespace {
@@ -40,10 +41,6 @@ int tarnu_socket_set_blocking_mode(int fd, int blocking) {
     return fcntl(fd, F_SETFL, flags) == 0 ? 1 : 0;
 }
 
-int timeval_ms(const timeval& tv) {
-    return static_cast<int>(tv.tv_sec * 1000 + (tv.tv_usec + 999) / 1000);
-}
-
 // With a wake descriptor, waits as long as the socket's receive time-out
 // would for fd to become readable; a readable wake_fd ends the wait
 // (ECANCELED). Without one, recv does the waiting itself.
@@ -53,25 +50,19 @@ bool wait_readable(int fd, int wake_fd) {
     timeval tv = {0, 0};
     socklen_t len = sizeof(tv);
     int ms = -1;
-    if (getsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, &len) == 0 && timeval_ms(tv) > 0) {
-        ms = timeval_ms(tv);
-    }
-    while (true) {
-        pollfd fds[2] = {{fd, POLLIN, 0}, {wake_fd, POLLIN, 0}};
-        int ready = poll(fds, 2, ms);
-        if (ready < 0 && errno == EINTR)
-            continue;
-        if (ready < 0)
-            return false;
-        if (ready == 0) {
+    if (getsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, &len) == 0 && UWait::Ms(tv) > 0)
+        ms = UWait::Ms(tv);
+    switch (UWait::Until(fd, POLLIN, {wake_fd}, ms)) {
+        case UWaitResult::Ready:
+            return true;
+        case UWaitResult::TimedOut:
             errno = EAGAIN;
             return false;
-        }
-        if (fds[1].revents & POLLIN) {
+        case UWaitResult::Woken:
             errno = ECANCELED;
             return false;
-        }
-        return true;
+        default:
+            return false;
     }
 }
 
@@ -271,28 +262,23 @@ int socketConnect(int fd, sockaddr* addr, unsigned addrlen, long timeout_ms, int
         return 0;
     if (timeout_ms < 0)
         timeout_ms = 0;
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    pollfd fds[2] = {{fd, POLLIN | POLLOUT, 0}, {wake_fd, POLLIN, 0}};
-    int ready;
-    while (true) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        int left_ms = left.count() < 0 ? 0 : static_cast<int>(left.count());
-        ready = poll(fds, wake_fd >= 0 ? 2 : 1, left_ms);
-        if (ready >= 0 || errno != EINTR)
+    if (timeout_ms > INT_MAX)
+        timeout_ms = INT_MAX;
+    short revents = 0;
+    switch (UWait::Until(fd, POLLIN | POLLOUT, {wake_fd}, static_cast<int>(timeout_ms), nullptr,
+                         &revents)) {
+        case UWaitResult::TimedOut:
+            errno = ETIMEDOUT;
+            return 0;
+        case UWaitResult::Woken:
+            errno = ECANCELED;
+            return 0;
+        case UWaitResult::Error:
+            return 0;
+        case UWaitResult::Ready:
             break;
     }
-    if (ready < 0)
-        return 0;
-    if (ready == 0) {
-        errno = ETIMEDOUT;
-        return 0;
-    }
-    if (wake_fd >= 0 && (fds[1].revents & POLLIN)) {
-        errno = ECANCELED;
-        return 0;
-    }
-    if (fds[0].revents == 0)
+    if (revents == 0)
         return 0;
     int error = 0;
     socklen_t len = sizeof(error);

@@ -40,7 +40,7 @@ int Abstract_PPL_Counter::get_ppl_out() {
     return ppl_out;
 }
 int Abstract_PPL_Counter::get_ppl_stayin() {
-    return ppl_in - ppl_out;
+    return PPL_Stayin(ppl_in, ppl_out);
 }
 
 void Abstract_PPL_Counter::reset_ppl() {

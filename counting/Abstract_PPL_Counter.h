@@ -14,6 +14,12 @@ enum PPL_DIR : int {
 // Label used by the counters' log lines: "In", "Out", "Dual" or "Unknown".
 const char* PPL_DIR_Label(int dir);
 
+// Stay-in = in - out, wrapping like a camera's own signed 32-bit arithmetic
+// (totals are whatever 32-bit values the cameras send), never overflowing.
+inline int PPL_Stayin(int in, int out) {
+    return static_cast<int>(static_cast<unsigned int>(in) - static_cast<unsigned int>(out));
+}
+
 class Abstract_PPL_Counter;
 
 // Notified by a counter, on the counter's own thread, after its counts changed.

@@ -65,8 +65,7 @@ int PPL_Counter_Group::get_out_count() {
 }
 
 int PPL_Counter_Group::get_stayin_count() {
-    return static_cast<int>(static_cast<unsigned int>(get_in_count()) -
-                            static_cast<unsigned int>(get_out_count()));
+    return PPL_Stayin(get_in_count(), get_out_count());
 }
 
 int PPL_Counter_Group::get_total_cam_in_count() {
@@ -78,8 +77,7 @@ int PPL_Counter_Group::get_total_cam_out_count() {
 }
 
 int PPL_Counter_Group::get_total_cam_stayin_count() {
-    return static_cast<int>(static_cast<unsigned int>(get_total_cam_in_count()) -
-                            static_cast<unsigned int>(get_total_cam_out_count()));
+    return PPL_Stayin(get_total_cam_in_count(), get_total_cam_out_count());
 }
 
 void PPL_Counter_Group::set_cam_pair(bool in, int cam) {

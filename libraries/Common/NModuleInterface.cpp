@@ -15,6 +15,7 @@
 
 #include "ULog.h"
 #include "UTime.h"
+#include "UWait.h"
 
 namespace {
 
@@ -24,14 +25,17 @@ const size_t kPathSize = sizeof(sockaddr_un::sun_path);
 int PollReadable(int fd, unsigned int seconds, unsigned int microseconds) {
     if (fd < 0)
         return -1;
-    struct pollfd pfd;
-    pfd.fd = fd;
-    pfd.events = POLLIN;
-    pfd.revents = 0;
-    struct timespec limit;
+    timeval limit;
     limit.tv_sec = static_cast<time_t>(seconds) + microseconds / 1000000u;
-    limit.tv_nsec = static_cast<long>(microseconds % 1000000u) * 1000L;
-    return ppoll(&pfd, 1, &limit, nullptr);
+    limit.tv_usec = static_cast<suseconds_t>(microseconds % 1000000u);
+    switch (UWait::Until(fd, POLLIN, {}, UWait::Ms(limit))) {
+        case UWaitResult::Ready:
+            return 1;
+        case UWaitResult::TimedOut:
+            return 0;
+        default:
+            return -1;
+    }
 }
 
 // Fills a Unix address with path; false (errno ENAMETOOLONG) when it does not fit.

@@ -27,7 +27,6 @@ const int kModuleSize = 128;
 const int kMaxFrames = 80;
 const int kDebugPriority = LOG_USER | LOG_DEBUG;
 
-// The system's message for an errno, without the non-reentrant strerror.
 const char* ErrorText(int errnum, char* buffer, size_t size) {
     return strerror_r(errnum, buffer, size);
 }
@@ -348,4 +347,9 @@ int UConsoleLog::error(const char* file, int line, const char* function, int err
     fprintf(stderr, "%s(%d):%s()\t\t[%s(%d)] %s\n", file, line, function, UError::GetName(errnum),
             errnum, text);
     return errnum;
+}
+
+std::string UError::Text(int errnum) {
+    char buffer[128];
+    return ErrorText(errnum, buffer, sizeof(buffer));
 }

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <ctime>
+#include <string>
 
 // Process-wide system-log writer: syslog (facility user, with the pid, copied
 // to standard error). Errors of system calls carry file, line, function, the
@@ -52,6 +53,8 @@ public:
     virtual ~UError() = default;
     static const char* sErrorCode[133];
     static const char* GetName(int errnum);
+    // The system's message for an errno, thread-safe (not strerror).
+    static std::string Text(int errnum);
 };
 
 // Console-only twin of USysLog's error lines; the service does not use it.
