@@ -10,17 +10,7 @@ set(CMAKE_CXX_COMPILER ${PPL_CROSS_TRIPLET}-g++)
 # Debian installs the target's C and C++ runtime under /usr/<triplet>.
 set(PPL_CROSS_ROOT /usr/${PPL_CROSS_TRIPLET})
 set(CMAKE_FIND_ROOT_PATH ${PPL_CROSS_ROOT})
-# The camera makers' client libraries for the target are looked up there as
-# given, not below the target root.
-if(PPL_VENDOR_DIR)
-    list(APPEND CMAKE_FIND_ROOT_PATH ${PPL_VENDOR_DIR})
-endif()
-set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-# Packages built for the target (GoogleTest) live in a prefix of the build
-# tree, named by GTest_DIR; host packages must never match.
-set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+include(${CMAKE_CURRENT_LIST_DIR}/target-root.cmake)
 
 # Test programs and test discovery run the target binaries under qemu-user,
 # which finds the target's loader and libraries below the same root. An

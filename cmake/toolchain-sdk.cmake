@@ -30,16 +30,7 @@ if(PPL_SDK_SYSROOT)
     set(CMAKE_SYSROOT ${PPL_SDK_SYSROOT})
     set(CMAKE_FIND_ROOT_PATH ${PPL_SDK_SYSROOT})
 endif()
-# The makers' client libraries are looked up where PPL_VENDOR_DIR says.
-if(PPL_VENDOR_DIR)
-    list(APPEND CMAKE_FIND_ROOT_PATH ${PPL_VENDOR_DIR})
-endif()
-# Libraries, headers and packages only from the target root, never the build
-# machine's; programs only from the build machine.
-set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+include(${CMAKE_CURRENT_LIST_DIR}/target-root.cmake)
 
 if(PPL_SDK_EMULATOR)
     set(CMAKE_CROSSCOMPILING_EMULATOR ${PPL_SDK_EMULATOR})

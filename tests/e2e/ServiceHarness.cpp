@@ -107,7 +107,7 @@ void LapiRigTest::SetUp() {
     in_ctl_.reset(new camsim::TarnEndpoints(*in_cam_, "admin", "secret"));
     out_ctl_.reset(new camsim::TarnEndpoints(*out_cam_, "admin", "secret"));
     h_.reset(new ServiceHarness());
-    config_ = LapiConfig(in_cam_->Port(), out_cam_->Port());
+    config_ = StandardConfig(in_cam_->Port(), out_cam_->Port());
     h_->WriteConfig(config_);
 }
 
@@ -117,31 +117,6 @@ void LapiRigTest::TearDown() {
         in_cam_->Stop();
     if (out_cam_)
         out_cam_->Stop();
-}
-
-std::map<std::string, std::string> LapiConfig(int in_port, int out_port) {
-    return {
-        {"SERV_PPL_NUM", "1"},
-        {"SERV_PPL_ENABLE", "1"},
-        {"SERV_PPL_TYPE", "LAPI"},
-        {"SERV_PPL_IN_0_CAM", "0"},
-        {"SERV_PPL_OUT_0_CAM", "1"},
-        {"SERV_PPL_STAYIN_0_OVER", "5"},
-        {"SERV_PPL_STAYIN_0_UNDER", "1"},
-        {"SERV_PPL_SETTINGS_0_RESET_ENABLE", "1"},
-        {"SERV_PPL_SETTINGS_0_RESET_TIME", "23:5:0"},
-        {"SERV_PPL_SETTINGS_0_REPORT_INTERVAL", "60"},
-        {"SERV_PPL_SETTINGS_0_SENSITIVITY", "3"},
-        {"SERV_PPL_SETTINGS_0_CLEAR_COUNT", "0"},
-        {"SERV_PPL_CAM_0_IP", "127.0.0.1"},
-        {"SERV_PPL_CAM_0_HTTP", std::to_string(in_port)},
-        {"SERV_PPL_CAM_0_USERNAME", "admin"},
-        {"SERV_PPL_CAM_0_PASSWORD", "secret"},
-        {"SERV_PPL_CAM_1_IP", "127.0.0.1"},
-        {"SERV_PPL_CAM_1_HTTP", std::to_string(out_port)},
-        {"SERV_PPL_CAM_1_USERNAME", "admin"},
-        {"SERV_PPL_CAM_1_PASSWORD", "secret"},
-    };
 }
 
 }  // namespace ppltest

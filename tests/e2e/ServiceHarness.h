@@ -57,9 +57,6 @@ private:
     std::vector<std::string> seen_;
 };
 
-// The standard LAPI set-up: group 0 with in camera 0 and out camera 1.
-std::map<std::string, std::string> LapiConfig(int in_port, int out_port);
-
 // A sandbox with that set-up written: both cameras simulated (account
 // admin/secret, settings recorded) and the harness ready to start the service.
 class LapiRigTest : public ::testing::Test {

@@ -57,20 +57,15 @@ std::vector<std::string> ServiceTest::DrainEvents() {
     return events;
 }
 
+// The standard configuration without camera keys (requests to the cameras
+// fail) and with limits 10 and 2.
 std::map<std::string, std::string> BaseLapiConfig() {
-    return {
-        {"SERV_PPL_NUM", "1"},
-        {"SERV_PPL_ENABLE", "1"},
-        {"SERV_PPL_IN_0_CAM", "0"},
-        {"SERV_PPL_OUT_0_CAM", "1"},
-        {"SERV_PPL_STAYIN_0_OVER", "10"},
-        {"SERV_PPL_STAYIN_0_UNDER", "2"},
-        {"SERV_PPL_SETTINGS_0_RESET_ENABLE", "1"},
-        {"SERV_PPL_SETTINGS_0_RESET_TIME", "23:5:0"},
-        {"SERV_PPL_SETTINGS_0_REPORT_INTERVAL", "60"},
-        {"SERV_PPL_SETTINGS_0_SENSITIVITY", "3"},
-        {"SERV_PPL_SETTINGS_0_CLEAR_COUNT", "0"},
-    };
+    std::map<std::string, std::string> config = StandardConfig(0, 0);
+    for (auto it = config.begin(); it != config.end();)
+        it = it->first.compare(0, 13, "SERV_PPL_CAM_") == 0 ? config.erase(it) : std::next(it);
+    config["SERV_PPL_STAYIN_0_OVER"] = "10";
+    config["SERV_PPL_STAYIN_0_UNDER"] = "2";
+    return config;
 }
 
 }  // namespace ppltest

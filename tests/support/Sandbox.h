@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,12 @@ bool EnterSandbox(std::string* why);
 
 // Only a private System V IPC namespace (for queue tests).
 bool EnterIpcNamespace(std::string* why);
+
+// The standard configuration of the tests: counting on, LAPI cameras, group
+// 0 with in camera 0 and out camera 1 on loopback at the given ports
+// (account admin/secret), stay-in limits 5 (over) and 1 (under), and the
+// full settings (reset 23:5:0, report 60, sensitivity 3, no clearing).
+std::map<std::string, std::string> StandardConfig(int in_port, int out_port);
 
 // A path to a file of the build tree that stays valid after /tmp was covered
 // (the checkout may live under /tmp).

@@ -11,28 +11,11 @@
 #include <map>
 #include <string>
 
+#include "Sandbox.h"
+
 namespace {
 
-const std::map<std::string, std::string> kClean = {{"SERV_PPL_NUM", "1"},
-                                                   {"SERV_PPL_ENABLE", "1"},
-                                                   {"SERV_PPL_TYPE", "LAPI"},
-                                                   {"SERV_PPL_IN_0_CAM", "0"},
-                                                   {"SERV_PPL_OUT_0_CAM", "1"},
-                                                   {"SERV_PPL_STAYIN_0_OVER", "8"},
-                                                   {"SERV_PPL_STAYIN_0_UNDER", "2"},
-                                                   {"SERV_PPL_SETTINGS_0_RESET_ENABLE", "1"},
-                                                   {"SERV_PPL_SETTINGS_0_RESET_TIME", "23:5:0"},
-                                                   {"SERV_PPL_SETTINGS_0_REPORT_INTERVAL", "60"},
-                                                   {"SERV_PPL_SETTINGS_0_SENSITIVITY", "3"},
-                                                   {"SERV_PPL_SETTINGS_0_CLEAR_COUNT", "0"},
-                                                   {"SERV_PPL_CAM_0_IP", "127.0.0.1"},
-                                                   {"SERV_PPL_CAM_0_HTTP", "8001"},
-                                                   {"SERV_PPL_CAM_0_USERNAME", "admin"},
-                                                   {"SERV_PPL_CAM_0_PASSWORD", "admin"},
-                                                   {"SERV_PPL_CAM_1_IP", "127.0.0.1"},
-                                                   {"SERV_PPL_CAM_1_HTTP", "8002"},
-                                                   {"SERV_PPL_CAM_1_USERNAME", "admin"},
-                                                   {"SERV_PPL_CAM_1_PASSWORD", "admin"}};
+const std::map<std::string, std::string> kClean = ppltest::StandardConfig(8001, 8002);
 
 // One fresh directory per test program, so runs side by side never meet.
 const std::string& Scratch() {
@@ -97,7 +80,7 @@ TEST(CheckConfig, CleanFileSaysWhatTheServiceDoesAndExitsZero) {
     for (const char* line :
          {"  Counting is on (SERV_PPL_ENABLE=1).\n",
           "  Group 0: in camera 0 (in, 127.0.0.1:8001), out camera 1 (out, 127.0.0.1:8002).\n",
-          "  Stay-in alarms: over when 8 or more are inside, under when 2 or fewer.\n",
+          "  Stay-in alarms: over when 5 or more are inside, under when 1 or fewer.\n",
           "  Settings request to camera 1: action=ppl_setdata&Reset=0&TimeReset=1&Type=time&Hour=23"
           "&Min=5&Sec=0&Sensitivity=3&ReportTime=60\n",
           "No problems found.\n"})
@@ -132,7 +115,7 @@ TEST(CheckConfig, EachProblemIsOneLineWithKeyValueAndConsequence) {
          "SERV_PPL_STAYIN_0_OVER=8x: not a number; the service reads it as 8."},
         {{{"SERV_PPL_STAYIN_0_UNDER", "9"}},
          "",
-         "SERV_PPL_STAYIN_0_OVER=8, SERV_PPL_STAYIN_0_UNDER=9: the over limit is not above the "
+         "SERV_PPL_STAYIN_0_OVER=5, SERV_PPL_STAYIN_0_UNDER=9: the over limit is not above the "
          "under limit; a stay-in that meets both raises the over alarm only."},
         {{}, "just words\n", "\"just words\": no \"=\"; the service skips the line."},
         {{},

@@ -72,7 +72,8 @@ std::string Describe(const Usage& u) {
 // Group 0 counting with in camera `in` and out camera `in + 1`.
 std::map<std::string, std::string> Config(const std::vector<std::unique_ptr<camsim::Camera>>& cams,
                                           int in, int sensitivity) {
-    std::map<std::string, std::string> c = ppltest::LapiConfig(cams[0]->Port(), cams[1]->Port());
+    std::map<std::string, std::string> c =
+        ppltest::StandardConfig(cams[0]->Port(), cams[1]->Port());
     c["SERV_PPL_IN_0_CAM"] = std::to_string(in);
     c["SERV_PPL_OUT_0_CAM"] = std::to_string(in + 1);
     c["SERV_PPL_SETTINGS_0_SENSITIVITY"] = std::to_string(sensitivity);
