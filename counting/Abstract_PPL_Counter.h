@@ -9,6 +9,7 @@ enum PPL_DIR : int {
     PPL_DIR_IN = 0,
     PPL_DIR_OUT = 1,
     PPL_DIR_DUAL = 2,
+    PPL_DIR_TRANSIT = 3,  // set only on a separate out camera's way to PPL_DIR_OUT
 };
 
 // Label used by the counters' log lines: "In", "Out", "Dual" or "Unknown".

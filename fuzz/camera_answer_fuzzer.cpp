@@ -130,7 +130,7 @@ void LapiSettings(const std::string& answer) {
     snprintf(info.Password, sizeof(info.Password), "admin");
     UBrand_LAPI_Client client;
     client.SetCamInfo(info);
-    client.SetVAType(static_cast<E_UBRAND_VA_TYPE>(1));
+    client.SetVAType(E_UBRAND_VA_PPL);
     client.HandleCommand("action=ppl_setdata&Enable=1");
 }
 

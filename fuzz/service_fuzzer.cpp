@@ -32,6 +32,8 @@ public:
     using PPLCounter::PPLCounter;
     void SetCameraMask(uint32_t mask) { lapi_cam_mask = mask; }
     void SetCameraKind(uint32_t three_d) { use_3dpc = three_d; }
+    using PPLCounter::HandleCommand;
+    using PPLCounter::HandleEvent;
 };
 
 struct Rig {
@@ -69,20 +71,16 @@ Rig* MakeRig() {
     return rig;
 }
 
+// One pass of the service's loop: the command handler takes the datagram
+// and answers it; the answer must be a reply the module can read.
 void Command(Rig& rig, const uint8_t* data, size_t size) {
     rig.module->Send(reinterpret_cast<const char*>(data), static_cast<unsigned int>(size));
-    if (rig.command->Wait(0, 0) <= 0 || rig.command->RecvBuffer() <= 0)
-        return;
     char reply[kPassBufferSize];
     memset(reply, 0, sizeof(reply));
-    bool ok = rig.service->ParseCmd(rig.command->GetCommand(), reply);
+    rig.service->HandleCommand(*rig.command, reply);
     Check(memchr(reply, '\0', sizeof(reply)) != nullptr);
     // The loop hands the reply to Reply() as its format text.
     Check(strchr(reply, '%') == nullptr);
-#pragma clang diagnostic push
-#pragma clang diagnostic ignored "-Wformat-security"
-    rig.command->Reply(ok ? NTextCommand::RESULT(0) : NTextCommand::RESULT(1), reply);
-#pragma clang diagnostic pop
     char answer[1024];
     if (rig.module->Wait(0, 0) > 0 && rig.module->Recv(answer, sizeof(answer)) > 0)
         Check(strncmp(answer, "reply=", 6) == 0);
@@ -92,10 +90,8 @@ void Event(Rig& rig, const uint8_t* data, size_t size) {
     rig.events->Send(reinterpret_cast<const char*>(data), static_cast<unsigned int>(size));
     char event[kPassBufferSize];
     memset(event, 0, sizeof(event));
-    while (rig.events->Wait(0, 0) > 0) {
-        if (rig.events->Recv(event, sizeof(event)) > 0)
-            rig.service->ParseEvt(event);
-    }
+    while (rig.events->Wait(0, 0) > 0)
+        rig.service->HandleEvent(*rig.events, event);
 }
 
 Rig* TheRig() {

@@ -16,6 +16,8 @@ constexpr const char* kInstanceLockPath = "/tmp/PPLCounter.lock";
 // 601 (0x259) is the queue the service owns and reads; 259 (decimal) the
 // other module's queue it writes. Both values are exactly as they are.
 constexpr int kEventInKey = 601;
+// LAPI cameras are channels 0 to 3, one counter each.
+constexpr int kLapiCounters = 4;
 constexpr int kEventOutKey = 259;
 
 }  // namespace ppl

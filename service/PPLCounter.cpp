@@ -21,7 +21,6 @@ constexpr uint64_t kStatusPeriodMs = 1000;
 constexpr uint64_t kRestartCheckPeriodMs = 5000;
 constexpr useconds_t kPassSleepUs = 100000;
 constexpr size_t kPassBufferSize = 256;
-constexpr int kLapiCounters = 4;
 
 // Counters and groups are never deleted: a worker may use them until the
 // process ends. Listing them here keeps them reachable for leak checkers.
@@ -72,7 +71,7 @@ PPLCounter::PPLCounter(const PPLCounterSettings& settings)
       where(settings) {
     counter_3dpc = LiveUntilExit(new Tarn_3DPC_Counter(0));
     counter_3dpc->set_ppl_count_callback(this);
-    for (int i = 0; i < kLapiCounters; ++i) {
+    for (int i = 0; i < ppl::kLapiCounters; ++i) {
         UBrand_PPL_Counter* counter = LiveUntilExit(new UBrand_PPL_Counter(i));
         counter->set_ppl_count_callback(this);
         lapi_counters.push_back(counter);
@@ -209,15 +208,23 @@ void PPLCounter::RunPass(char* reply, char* event) {
 }
 
 void PPLCounter::PollCommand(char* reply) {
-    if (command->Wait(0, 0) > 0 && command->RecvBuffer() > 0) {
-        memset(reply, 0, kPassBufferSize);
-        bool ok = ParseCmd(command->GetCommand(), reply);
-        command->Reply(ok ? NTextCommand::RESULT(0) : NTextCommand::RESULT(1), reply);
-    }
+    HandleCommand(*command, reply);
 }
 
 void PPLCounter::PollEvent(char* event) {
-    if (event_in->Wait(0, 0) > 0 && event_in->Recv(event, kPassBufferSize) > 0) {
+    HandleEvent(*event_in, event);
+}
+
+void PPLCounter::HandleCommand(NTextCommand& endpoint, char* reply) {
+    if (endpoint.Wait(0, 0) > 0 && endpoint.RecvBuffer() > 0) {
+        memset(reply, 0, kPassBufferSize);
+        bool ok = ParseCmd(endpoint.GetCommand(), reply);
+        endpoint.Reply(ok ? NTextCommand::RESULT(0) : NTextCommand::RESULT(1), reply);
+    }
+}
+
+void PPLCounter::HandleEvent(IEvent& queue, char* event) {
+    if (queue.Wait(0, 0) > 0 && queue.Recv(event, kPassBufferSize) > 0) {
         ShowLog("Event::Run(), receive event => %s\n", event);
         ParseEvt(event);
     }

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <sstream>
 #include <string>
@@ -15,6 +16,7 @@
 #include "Tarn3DPCAPIClient.h"
 #include "UBrandLAPIClient.h"
 
+class IEvent;
 class NEventMQ;
 class NTextCommand;
 class SAttr;
@@ -62,6 +64,12 @@ public:
     bool Create_PPL_Settings_Request(const char* request, int camera);
     bool Create_PPL_Settings_Request(const _PPL_CAM_SETTINGS& settings, int camera);
     int Reset_PPL_Cam_Service(unsigned int group, int enable_value);
+    // Sends one request to the in camera of a pair, then to the out camera
+    // unless it is the same one, stopping at the first camera that does not
+    // take it ("Failed to set camera N PPL settings."); taken, when given,
+    // runs for each camera that took it. True when every camera took it.
+    bool SendToPair(const std::pair<int, int>& pair, const char* request,
+                    const std::function<void(int)>& taken = nullptr);
     void Check_PPL_Cam_Restart_Service();
     void Update_PPL_Cam_Settings(unsigned int group, std::vector<_PPL_CAM_SETTINGS>& old_settings,
                                  std::vector<std::pair<int, int>>& old_pairs);
@@ -81,6 +89,12 @@ public:
     std::string Create_StayIn_Over_Event_Msg(int group, int limit);
 
 protected:
+    // One pass's command and event handling on the given endpoints (the
+    // loop passes its own): at most one command, answered with its result,
+    // and at most one event. The buffers hold 256 bytes.
+    void HandleCommand(NTextCommand& endpoint, char* reply);
+    void HandleEvent(IEvent& queue, char* event);
+
     std::atomic<bool> reload_config;
     std::atomic<bool> running;
     bool initialized;

@@ -9,7 +9,6 @@
 
 namespace {
 
-constexpr int kLapiCounters = 4;
 constexpr int kMaskBits = 32;
 
 // Texts handed to fixed fields keep what fits (size - 1 characters).
@@ -51,7 +50,7 @@ Abstract_PPL_Counter* PPLCounter::CounterForCamera(int camera) {
 }
 
 UBrand_PPL_Counter* PPLCounter::LapiCounter(long camera) {
-    if (camera < 0 || camera >= kLapiCounters)
+    if (camera < 0 || camera >= ppl::kLapiCounters)
         return nullptr;
     return lapi_counters[camera];
 }
@@ -134,7 +133,7 @@ void PPLCounter::ReadGroupCamera(SAttr& ini, unsigned int g, bool in) {
         std::pair<int, int> pair;
         group->get_cam_pair(pair);
         if (c != pair.first)
-            counter->set_dir(static_cast<PPL_DIR>(3));
+            counter->set_dir(PPL_DIR_TRANSIT);
         counter->set_dir(counter->get_dir() != 0 ? PPL_DIR_OUT : PPL_DIR_DUAL);
     }
     group->add_ppl_counter(counter);
@@ -205,14 +204,14 @@ void PPLCounter::StartSelectedCounters() {
     uint32_t mask = lapi_cam_mask;
     if (use_3dpc == 1) {
         if (mask & 1u) {
-            counter_3dpc->SetAPIType(static_cast<E_PC_API_TYPE>(static_cast<uint32_t>(use_3dpc)));
+            counter_3dpc->SetAPIType(E_PC_API_COUNTING);  // use_3dpc, that is 1
             counter_3dpc->start();
         } else {
             counter_3dpc->stop();
         }
         return;
     }
-    for (int n = 0; n < kLapiCounters; ++n) {
+    for (int n = 0; n < ppl::kLapiCounters; ++n) {
         if (mask & (1u << n)) {
             lapi_counters[n]->start();
         } else {
@@ -228,7 +227,7 @@ int PPLCounter::ReadCamIni() {
         ReadCamIni3DPC(ini);
         return 1;
     }
-    for (int n = 0; n < kLapiCounters; ++n) {
+    for (int n = 0; n < ppl::kLapiCounters; ++n) {
         if (lapi_cam_mask & (1u << n))
             ReadCamIniLapi(ini, n);
     }

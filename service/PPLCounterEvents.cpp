@@ -6,6 +6,7 @@
 
 #include "NModuleInterface.h"
 #include "PPLCounter.h"
+#include "PPLSettingsRequest.h"
 #include "SAttr.h"
 #include "ShowLog.h"
 #include "Tarn_3DPC_Counter.h"
@@ -124,7 +125,7 @@ bool PPLCounter::ClearCounts() {
         return false;
     if (use_3dpc == 1) {
         if (counter_3dpc->is_connect() && settings.ClearCounts != 0) {
-            counter_3dpc->SetAPIType(static_cast<E_PC_API_TYPE>(2));
+            counter_3dpc->SetAPIType(E_PC_API_SETTINGS);
             counter_3dpc->reset_ppl_total_counts();
             ShowLog("%s(): Clear 3DPC V2 countings\n", "ParseCmd");
             return true;
@@ -132,17 +133,7 @@ bool PPLCounter::ClearCounts() {
         ShowLog("%s(): 3DPC V2 is not connected\n", "ParseCmd");
         return false;
     }
-    if (!Create_PPL_Settings_Request(settings, pair.first)) {
-        std::cout << "Failed to set camera " << pair.first << " PPL settings." << std::endl;
-        return false;
-    }
-    if (pair.first == pair.second)
-        return true;
-    if (!Create_PPL_Settings_Request(settings, pair.second)) {
-        std::cout << "Failed to set camera " << pair.second << " PPL settings." << std::endl;
-        return false;
-    }
-    return true;
+    return SendToPair(pair, PPL_Settings_Request_Text(settings).c_str());
 }
 
 bool PPLCounter::ServiceStatus(char* reply) {

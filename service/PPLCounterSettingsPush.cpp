@@ -1,6 +1,7 @@
 // Counting settings and enable requests to the cameras.
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <iostream>
 
 #include "PPLCounter.h"
@@ -12,10 +13,6 @@
 namespace {
 constexpr size_t kRequestSize = 512;
 constexpr size_t kEnableRequestSize = 64;
-
-void ReportFailedCamera(int camera) {
-    std::cout << "Failed to set camera " << camera << " PPL settings." << std::endl;
-}
 }  // namespace
 
 // A fresh client per request; nothing is kept between requests.
@@ -28,12 +25,28 @@ bool PPLCounter::Create_PPL_Settings_Request(const char* request, int camera) {
     if (!GetCamInfo(camera, info))
         return false;
     client.SetCamInfo(info);
-    client.SetVAType(static_cast<E_UBRAND_VA_TYPE>(1));
+    client.SetVAType(E_UBRAND_VA_PPL);
     return client.HandleCommand(text) >= 0;
 }
 
 bool PPLCounter::Create_PPL_Settings_Request(const _PPL_CAM_SETTINGS& settings, int camera) {
     return Create_PPL_Settings_Request(PPL_Settings_Request_Text(settings).c_str(), camera);
+}
+
+bool PPLCounter::SendToPair(const std::pair<int, int>& pair, const char* request,
+                            const std::function<void(int)>& taken) {
+    const int cameras[2] = {pair.first, pair.second};
+    for (int side = 0; side < 2; ++side) {
+        if (side == 1 && pair.second == pair.first)
+            return true;
+        if (!Create_PPL_Settings_Request(request, cameras[side])) {
+            std::cout << "Failed to set camera " << cameras[side] << " PPL settings." << std::endl;
+            return false;
+        }
+        if (taken)
+            taken(cameras[side]);
+    }
+    return true;
 }
 
 // Returns 1 when every camera of the group took the request, else 0.
@@ -47,17 +60,7 @@ int PPLCounter::Reset_PPL_Cam_Service(unsigned int group, int enable_value) {
         std::cout << "Camera group is incomplete" << std::endl;
         return 0;
     }
-    if (!Create_PPL_Settings_Request(request, pair.first)) {
-        ReportFailedCamera(pair.first);
-        return 0;
-    }
-    if (pair.second == pair.first)
-        return 1;
-    if (!Create_PPL_Settings_Request(request, pair.second)) {
-        ReportFailedCamera(pair.second);
-        return 0;
-    }
-    return 1;
+    return SendToPair(pair, request) ? 1 : 0;
 }
 
 void PPLCounter::Check_PPL_Cam_Restart_Service() {
@@ -75,7 +78,7 @@ void PPLCounter::Update_PPL_Cam_Settings(unsigned int group,
     bool clear = grp->get_ppl_clear_counting();
     if (use_3dpc == 1) {
         if (counter_3dpc->is_connect() && clear) {
-            counter_3dpc->SetAPIType(static_cast<E_PC_API_TYPE>(2));
+            counter_3dpc->SetAPIType(E_PC_API_SETTINGS);
             counter_3dpc->reconnect();
             counter_3dpc->reset_ppl_total_counts();
             ShowLog("%s(): Clear 3DPC V2 countings\n", "Update_PPL_Cam_Settings");
@@ -97,16 +100,9 @@ void PPLCounter::Update_PPL_Cam_Settings(unsigned int group,
     grp->get_ppl_settings(settings);
     std::pair<int, int> pair;
     grp->get_cam_pair(pair);
-    const int cameras[2] = {pair.first, pair.second};
-    for (int side = 0; side < 2; ++side) {
-        if (side == 1 && pair.second == pair.first)
-            return;
-        if (!Create_PPL_Settings_Request(settings, cameras[side])) {
-            ReportFailedCamera(cameras[side]);
-            return;
-        }
-        UBrand_PPL_Counter* counter = LapiCounter(cameras[side]);
+    SendToPair(pair, PPL_Settings_Request_Text(settings).c_str(), [&](int camera) {
+        UBrand_PPL_Counter* counter = LapiCounter(camera);
         if (clear && counter != nullptr && counter->is_connect())
             counter->reset_ppl_total_counts();
-    }
+    });
 }

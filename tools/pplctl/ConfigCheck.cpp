@@ -11,12 +11,12 @@
 #include <fstream>
 #include <sstream>
 
+#include "PPLConstants.h"
 #include "PPLSettingsRequest.h"
 #include "SAttr.h"
 
 namespace {
 
-constexpr int kLapiCameras = 4;     // LAPI camera indexes 0 to 3
 constexpr int kCameraIndexes = 32;  // 3DPC: indexes 0 to 31 name the one counter
 constexpr size_t kLargestFile = 1 << 20;
 
@@ -133,7 +133,7 @@ private:
             return -1;
         }
         int c = Number(key);
-        int limit = tdpc ? kCameraIndexes : kLapiCameras;
+        int limit = tdpc ? kCameraIndexes : ppl::kLapiCounters;
         if (c < 0 || c >= limit) {
             Problem(key + "=" + Value(key) + ": the service ignores this camera (" +
                     (tdpc ? "indexes 0 to 31" : "LAPI channels are 0 to 3") + ").");
