@@ -605,12 +605,15 @@ void Camera::WalkLoop(double people_per_min, uint32_t seed) {
     }
 }
 
+// A dropped connection stops counting as subscribed at once, not when its
+// thread notices: a wait for the next subscriber must not be met by it.
 void Camera::DropConnections() {
     std::lock_guard<std::mutex> guard(lock_);
     for (auto& c : conns_) {
         std::lock_guard<std::mutex> w(c->write_lock);
         if (c->open)
             shutdown(c->fd, SHUT_RDWR);
+        c->subscribed = false;
     }
 }
 
