@@ -60,7 +60,8 @@ INI
 sim=$!
 "$ctl" events --seconds 4 >/tmp/events.out 2>/tmp/events.err &
 events=$!
-sleep 0.3
+# Queue 259 (0x103) exists once the events reader has made it.
+for _ in $(seq 50); do ipcs -q | grep -q 0x00000103 && break; sleep 0.1; done
 "$build/pplcounter" >/tmp/svc.out 2>/tmp/svc.err &
 svc=$!
 for _ in $(seq 50); do grep -q "PPL.Out0.Status = connect" /tmp/PPLCounter.ini 2>/dev/null && break; sleep 0.1; done
@@ -72,7 +73,7 @@ check clear 0 "counts cleared" -- "$ctl" clear
 check send-ok 0 "^reply=success&in0=connect&out0=connect$" -- "$ctl" send "action=ppl_get_service_status"
 check send-error 1 "^reply=error$" -- "$ctl" send "action=nonsense"
 check camera-del 0 "sent event=del_camera&ch=1" -- "$ctl" camera del 1
-sleep 1.5
+for _ in $(seq 50); do "$ctl" status 2>&1 | grep -qE "out camera: +disconnect" && break; sleep 0.1; done
 check camera-del-effect 0 "out camera: +disconnect" -- "$ctl" status
 check camera-add 0 "sent event=add_camera&ch=1" -- "$ctl" camera add 1
 check watch 0 "PPL.StayIn0.Count" -- "$ctl" watch --seconds 1
