@@ -38,8 +38,14 @@ struct PPLCounterSettings {
 // and the module endpoints, and drives everything from one 100 ms polling loop
 // on the main thread. It is the count callback of every counter it creates;
 // that callback runs on the counters' worker threads.
+//
+// Threads: count_result is the only operation called from other threads (the
+// counters' workers); everything else (the loop, configuration, commands,
+// events, status, records, settings pushes) runs on the thread that called
+// Start, and is not safe to call from any other while the loop runs.
 class PPLCounter : public Abstract_PPL_CB {
 public:
+    // Creates the counters and the group; starts nothing and touches no file.
     explicit PPLCounter(const PPLCounterSettings& where = PPLCounterSettings());
     ~PPLCounter() override;
     PPLCounter(const PPLCounter&) = delete;
@@ -47,9 +53,15 @@ public:
 
     void count_result(Abstract_PPL_Counter* counter) override;
 
+    // Runs the loop on the calling thread and returns only when it has ended
+    // (SIGINT or SIGTERM, a failed Init or reader), with the endpoints
+    // deleted and the counters stopped.
     void Start();
+    // Marks the loop to end after its current pass.
     void Stop();
+    // Creates the three endpoints; false when any is missing.
     bool Init();
+    // Deletes the endpoints and stops the counters of the camera kind in use.
     void Deinit();
     void Run();
     static uint64_t GetTime();
@@ -57,7 +69,12 @@ public:
     // Configuration (system configuration file).
     bool ReadIni();
     int ReadCamIni();
+    // The full connection record of a camera: false (after printing "PPL Cam
+    // config is incomplete") when any of its four keys is missing; the
+    // fields filled before the missing one stay filled.
     bool GetCamInfo(int camera, CamInfo& info);
+    // Address and port of a camera: never fails; a missing key leaves the
+    // caller's value as it was.
     bool GetCamInfo(int camera, std::string& address, int& port);
 
     // Camera settings push.

@@ -7,22 +7,39 @@
 
 // Ordered key/value store behind every file, command and reply text.
 // Files use separator '=', terminators "\r\n" and record separator "\n";
-// commands use '=' and "&".
+// commands use '=' and "&". Records are kept in key order; a key appears
+// once (a later record replaces an earlier one). One store belongs to one
+// thread at a time: nothing in it is locked.
 class SAttr {
 public:
     SAttr(char separator, const char* terminators, const char* record_separator,
           const char* file_name);
     virtual ~SAttr();
 
+    // Adds the records of a whole file (and remembers the path); false when
+    // it cannot be read. An empty file loads as no records.
     bool LoadFile(const char* path);
+    // Adds the records of a text: split at the terminators, each record
+    // trimmed of white space around key and value; records with an empty
+    // key or value, or without the separator, are skipped. The const form
+    // works on a copy; the char* form cuts the caller's text in place.
     void LoadMemory(const char* text);
     void LoadMemory(char* text);
+    // Adds the records of exactly length bytes, which need no terminating
+    // zero; cuts the buffer in place and trims nothing (the second byte of a
+    // "\r\n" stays at the front of the next key).
     void LoadMemory(char* buffer, unsigned int length);
+    // Writes the records joined by the record separator, with no separator
+    // after the last; space_before and space_after put a space on either
+    // side of the key/value separator ("KEY = VALUE" with both).
     void SaveMemory(std::string& out, bool space_before, bool space_after);
     bool SaveFile(const char* path, bool space_before, bool space_after);
     void SetFilename(const char* path);
 
     bool HasKey(const char* key);
+    // The value of a key, or null when it is missing. The pointer stays
+    // valid until that key is set or removed, or the store is cleared,
+    // loaded into, or destroyed; copy the text to keep it longer.
     const char* GetKeyValue(const char* key);
     const char* operator()(const char* key) { return GetKeyValue(key); }
     int GetIntValue(const char* key, int base);
