@@ -8,6 +8,7 @@
 #include <csignal>
 #include <memory>
 
+#include "SandboxGTest.h"
 #include "CameraSim.h"
 #include "ServiceHarness.h"
 #include "TarnEndpoints.h"

@@ -6,6 +6,7 @@
 
 #include <csignal>
 
+#include "SandboxGTest.h"
 #include "ServiceHarness.h"
 
 namespace ppltest {

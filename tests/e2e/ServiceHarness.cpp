@@ -1,3 +1,4 @@
+#include "SandboxGTest.h"
 #include "ServiceHarness.h"
 
 #include <unistd.h>

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "NModuleInterface.h"
-#include "Sandbox.h"
+#include "SandboxGTest.h"
 
 namespace {
 

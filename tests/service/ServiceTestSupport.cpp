@@ -1,3 +1,4 @@
+#include "SandboxGTest.h"
 #include "ServiceTestSupport.h"
 
 #include <stdlib.h>

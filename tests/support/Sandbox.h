@@ -32,23 +32,9 @@ std::map<std::string, std::string> StandardConfig(int in_port, int out_port);
 std::string BuiltFile(const std::string& relative);
 
 // Tests that need private namespaces fail where the kernel refuses them,
-// unless PPL_ALLOW_NO_NAMESPACES=1 explicitly allows skipping them.
+// unless PPL_ALLOW_NO_NAMESPACES=1 explicitly allows skipping them
+// (SandboxGTest.h turns that into a failed or skipped test).
 bool NamespacesMayBeSkipped();
-
-#define PPL_NAMESPACE_OR_FAIL(enter)                                                       \
-    do {                                                                                   \
-        std::string why_;                                                                  \
-        if (!(enter)(&why_)) {                                                             \
-            if (::ppltest::NamespacesMayBeSkipped())                                       \
-                GTEST_SKIP() << why_;                                                      \
-            FAIL() << "the kernel refuses private namespaces (" << why_                    \
-                   << "); set PPL_ALLOW_NO_NAMESPACES=1 to skip the tests that need them"; \
-        }                                                                                  \
-    } while (0)
-
-// Enters the sandbox, or fails (skips, where allowed) the current test.
-#define PPL_ENTER_SANDBOX_OR_SKIP() PPL_NAMESPACE_OR_FAIL(::ppltest::EnterSandbox)
-#define PPL_ENTER_IPC_NAMESPACE_OR_SKIP() PPL_NAMESPACE_OR_FAIL(::ppltest::EnterIpcNamespace)
 
 // A child process with standard output and error captured in files.
 class Child {
