@@ -23,12 +23,24 @@
 #include <vector>
 
 #include "Camera.h"
-#include "Namespace.h"
 #include "Probe.h"
 #include "Reader.h"
+#include "Sandbox.h"
 
 namespace pplbench {
 namespace {
+
+// Raises the byte capacity of new System V queues in this IPC namespace, so
+// that the reader of a burst never makes the service drop an event.
+bool RaiseQueueCapacity(long bytes) {
+    int fd = open("/proc/sys/kernel/msgmnb", O_WRONLY | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    std::string text = std::to_string(bytes);
+    bool ok = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    close(fd);
+    return ok;
+}
 
 const int kQueueKey = 259;
 const long kQueueCapacity = 64L << 20;
@@ -627,13 +639,15 @@ int Main(int argc, char** argv) {
         return 1;
     }
     std::string why;
-    if (!EnterPrivateNamespaces(&why)) {
+    if (!ppltest::EnterSandbox(&why, ppltest::SandboxFiles::InMemory)) {
         fprintf(stderr, "pplbench: %s\n", why.c_str());
         return 1;
     }
-    if (!RaiseQueueCapacity(kQueueCapacity, &why))
-        fprintf(stderr, "pplbench: %s; a slow reader may make the service drop events\n",
-                why.c_str());
+    if (!RaiseQueueCapacity(kQueueCapacity))
+        fprintf(stderr,
+                "pplbench: cannot raise the queue capacity (%s); a slow reader may make "
+                "the service drop events\n",
+                strerror(errno));
     prctl(PR_SET_TIMERSLACK, 1UL);
     signal(SIGPIPE, SIG_IGN);
     int queue = msgget(kQueueKey, IPC_CREAT | 0777);

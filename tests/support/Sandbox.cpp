@@ -111,6 +111,14 @@ bool MakeSandboxDirs(std::string* tmp_dir, std::string* opt_dir, std::string* wh
     return true;
 }
 
+bool MountTmpfs(const char* onto, std::string* why) {
+    if (mount("tmpfs", onto, "tmpfs", MS_NOSUID | MS_NODEV, "size=256m,mode=1777") != 0) {
+        *why = ErrnoText((std::string("mount tmpfs on ") + onto).c_str());
+        return false;
+    }
+    return true;
+}
+
 bool BindOnto(const std::string& from, const char* onto, std::string* why) {
     if (mount(from.c_str(), onto, nullptr, MS_BIND, nullptr) != 0) {
         *why = ErrnoText((std::string("bind onto ") + onto).c_str());
@@ -173,11 +181,12 @@ bool EnterIpcNamespace(std::string* why) {
     return true;
 }
 
-bool EnterSandbox(std::string* why) {
+bool EnterSandbox(std::string* why, SandboxFiles files) {
     if (g_build_dir_fd < 0)
         g_build_dir_fd = open(PPL_BINARY_DIR, O_PATH | O_DIRECTORY);
     std::string tmp_dir, opt_dir;
-    if (!MakeSandboxDirs(&tmp_dir, &opt_dir, why))
+    bool in_memory = files == SandboxFiles::InMemory;
+    if (!in_memory && !MakeSandboxDirs(&tmp_dir, &opt_dir, why))
         return false;
     if (!EnterUserNamespaceIfNeeded(why))
         return false;
@@ -189,7 +198,8 @@ bool EnterSandbox(std::string* why) {
         *why = ErrnoText("make mounts private");
         return false;
     }
-    if (!BindOnto(opt_dir, "/opt", why) || !BindOnto(tmp_dir, "/tmp", why))
+    if (in_memory ? !MountTmpfs("/opt", why) || !MountTmpfs("/tmp", why)
+                  : !BindOnto(opt_dir, "/opt", why) || !BindOnto(tmp_dir, "/tmp", why))
         return false;
     // Keep the service's syslog lines off the host's logger (they are
     // copied to standard error anyway).

@@ -15,8 +15,11 @@ namespace ppltest {
 // root), binds fresh empty directories onto /tmp and /opt, creates
 // /opt/user/ZV318/INIT and brings loopback up. The service's fixed paths and
 // queue keys then belong to this test alone. Returns false with a reason when
-// the kernel does not allow it; callers skip the test then.
-bool EnterSandbox(std::string* why);
+// the kernel does not allow it. With SandboxFiles::InMemory, /tmp and /opt are
+// fresh tmpfs instead (for the benchmark: no disk in the measured path, and
+// nothing left behind).
+enum class SandboxFiles { InBuildTree, InMemory };
+bool EnterSandbox(std::string* why, SandboxFiles files = SandboxFiles::InBuildTree);
 
 // Only a private System V IPC namespace (for queue tests).
 bool EnterIpcNamespace(std::string* why);
