@@ -18,6 +18,7 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
@@ -150,23 +151,14 @@ long StrippedSize(const std::string& path) {
     return size;
 }
 
+// The tests' standard configuration with limits out of reach: every event
+// gives exactly one count event.
 void WriteConfig() {
-    std::ofstream ini("/opt/user/ZV318/INIT/ZV318System.ini", std::ios::trunc);
-    ini << "SERV_PPL_NUM=1\r\nSERV_PPL_ENABLE=1\r\nSERV_PPL_TYPE=LAPI\r\n"
-        << "SERV_PPL_IN_0_CAM=0\r\nSERV_PPL_OUT_0_CAM=1\r\n"
-        // Limits out of reach: every event gives exactly one count event.
-        << "SERV_PPL_STAYIN_0_OVER=1000000000\r\nSERV_PPL_STAYIN_0_UNDER=-1000000000\r\n"
-        << "SERV_PPL_SETTINGS_0_RESET_ENABLE=1\r\nSERV_PPL_SETTINGS_0_RESET_TIME=23:5:0\r\n"
-        << "SERV_PPL_SETTINGS_0_REPORT_INTERVAL=60\r\nSERV_PPL_SETTINGS_0_SENSITIVITY=3\r\n"
-        << "SERV_PPL_SETTINGS_0_CLEAR_COUNT=0\r\n";
-    int ports[2] = {kInPort, kOutPort};
-    for (int cam = 0; cam < 2; ++cam) {
-        std::string key = "SERV_PPL_CAM_" + std::to_string(cam);
-        ini << key << "_IP=127.0.0.1\r\n"
-            << key << "_HTTP=" << ports[cam] << "\r\n"
-            << key << "_USERNAME=admin\r\n"
-            << key << "_PASSWORD=secret\r\n";
-    }
+    std::map<std::string, std::string> keys = ppltest::StandardConfig(kInPort, kOutPort);
+    keys["SERV_PPL_STAYIN_0_OVER"] = "1000000000";
+    keys["SERV_PPL_STAYIN_0_UNDER"] = "-1000000000";
+    std::ofstream("/opt/user/ZV318/INIT/ZV318System.ini", std::ios::trunc)
+        << ppltest::ConfigText(keys);
 }
 
 void DrainQueue(int queue) {

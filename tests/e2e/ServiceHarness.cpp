@@ -1,5 +1,5 @@
-#include "SandboxGTest.h"
 #include "ServiceHarness.h"
+#include "SandboxGTest.h"
 
 #include <unistd.h>
 
@@ -23,10 +23,7 @@ ServiceHarness::~ServiceHarness() {
 }
 
 void ServiceHarness::WriteConfig(const std::map<std::string, std::string>& keys) {
-    std::string text;
-    for (const auto& kv : keys)
-        text += kv.first + "=" + kv.second + "\r\n";
-    WriteWholeFile(kSystemIni, text);
+    WriteWholeFile(kSystemIni, ConfigText(keys));
 }
 
 bool ServiceHarness::StartService() {

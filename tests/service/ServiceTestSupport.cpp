@@ -1,5 +1,5 @@
-#include "SandboxGTest.h"
 #include "ServiceTestSupport.h"
+#include "SandboxGTest.h"
 
 #include <stdlib.h>
 
@@ -37,10 +37,7 @@ void ServiceTest::TearDown() {
 }
 
 void ServiceTest::WriteConfig(const std::map<std::string, std::string>& keys) {
-    std::string text;
-    for (const auto& kv : keys)
-        text += kv.first + "=" + kv.second + "\n";
-    WriteWholeFile(where_.system_ini, text);
+    WriteWholeFile(where_.system_ini, ConfigText(keys));
 }
 
 std::map<std::string, std::string> ServiceTest::ReadStatus() {

@@ -347,4 +347,11 @@ std::map<std::string, std::string> StandardConfig(int in_port, int out_port) {
     };
 }
 
+std::string ConfigText(const std::map<std::string, std::string>& keys) {
+    std::string text;
+    for (const auto& kv : keys)
+        text += kv.first + "=" + kv.second + "\r\n";
+    return text;
+}
+
 }  // namespace ppltest

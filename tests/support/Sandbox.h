@@ -29,6 +29,8 @@ bool EnterIpcNamespace(std::string* why);
 // (account admin/secret), stay-in limits 5 (over) and 1 (under), and the
 // full settings (reset 23:5:0, report 60, sensitivity 3, no clearing).
 std::map<std::string, std::string> StandardConfig(int in_port, int out_port);
+// A configuration as the file holds it: "KEY=VALUE" lines ending in "\r\n".
+std::string ConfigText(const std::map<std::string, std::string>& keys);
 
 // A path to a file of the build tree that stays valid after /tmp was covered
 // (the checkout may live under /tmp).

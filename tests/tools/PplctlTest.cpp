@@ -67,10 +67,7 @@ std::string WriteConfig(const std::map<std::string, std::string>& changes,
             keys[c.first] = c.second;
     }
     std::string path = Scratch() + "check-config.ini";
-    std::ofstream file(path, std::ios::trunc);
-    for (const auto& kv : keys)
-        file << kv.first << "=" << kv.second << "\n";
-    file << extra;
+    std::ofstream(path, std::ios::trunc) << ppltest::ConfigText(keys) << extra;
     return path;
 }
 
