@@ -69,6 +69,11 @@ bool FaultTest::StatusRecovers(int timeout_ms) {
     });
 }
 
+bool FaultTest::ServiceStatusBecomes(const std::string& reply, int timeout_ms) {
+    return WaitFor(timeout_ms,
+                   [&] { return h_->Command("action=ppl_get_service_status", 1000) == reply; });
+}
+
 void FaultTest::AssertRunning(const std::string& during) {
     ASSERT_TRUE(h_->Service().Running()) << "ended during " << during << "\n"
                                          << Excerpt(h_->Stderr());

@@ -37,6 +37,10 @@ public:
     bool StatusRecovers(int timeout_ms = 4000);
     // The service runs, answers a command and no sanitizer reported.
     void ExpectAlive(const std::string& after);
+    // The service status command answers `reply` (each try answered within
+    // 1 s); false on time-out. A camera counts a subscription as made once
+    // its answer is sent, the service only once it has read it.
+    bool ServiceStatusBecomes(const std::string& reply, int timeout_ms = 3000);
 
 protected:
     // Starts the service; waits for both subscriptions and connected status.

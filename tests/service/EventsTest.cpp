@@ -1,4 +1,6 @@
 // The count callback, alarms, outgoing events, commands and module events.
+#include <ostream>
+
 #include "SAttr.h"
 #include "ServiceTestSupport.h"
 
@@ -73,6 +75,11 @@ struct CommandCase {
     bool result;
     const char* reply;
 };
+
+// Printed by its text, so the listed test names stay the same from build to build.
+void PrintTo(const CommandCase& c, std::ostream* os) {
+    *os << c.text;
+}
 
 class Commands : public ServiceTest, public ::testing::WithParamInterface<CommandCase> {};
 
