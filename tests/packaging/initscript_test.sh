@@ -20,32 +20,20 @@ if [ "${3:-}" != inside ]; then
     # /mnt/ppl so that the namespace can put it in place; the simulator apart.
     DESTDIR=$stage cmake --install "$build" --prefix /mnt/ppl --component runtime >/dev/null
     DESTDIR=$stage cmake --install "$build" --prefix /mnt/tools --component tools >/dev/null
-    exec unshare --ipc --mount --net --fork --map-root-user "$0" "$src" "$build" inside
+    exec "$build/tests/support/pplsandbox" "$0" "$src" "$build" inside
 fi
 
-stage=$build/initscript-stage
-mount --make-rprivate /
+# In the sandbox: the build tree is PPL_BUILD, /tmp and /opt are fresh.
+stage=$PPL_BUILD/initscript-stage
 mount -t tmpfs tmpfs /mnt
 mkdir -p /mnt/ppl /mnt/tools
 mount --bind "$stage/mnt/ppl" /mnt/ppl
 mount --bind "$stage/mnt/tools" /mnt/tools
-mount -t tmpfs tmpfs /tmp
-mount -t tmpfs tmpfs /opt
-[ -e /dev/log ] && mount --bind /dev/null /dev/log
-ip link set lo up
-mkdir -p /opt/user/ZV318/INIT /tmp/bb /tmp/run /tmp/log
+# The service and the tools must find the staged libraries, not the build's.
+unset LD_LIBRARY_PATH
+mkdir -p /tmp/bb /tmp/run /tmp/log
 busybox --install -s /tmp/bb
-cat >/opt/user/ZV318/INIT/ZV318System.ini <<'INI'
-SERV_PPL_NUM=1
-SERV_PPL_ENABLE=1
-SERV_PPL_TYPE=LAPI
-SERV_PPL_IN_0_CAM=0
-SERV_PPL_OUT_0_CAM=1
-SERV_PPL_CAM_0_IP=127.0.0.1
-SERV_PPL_CAM_0_HTTP=8001
-SERV_PPL_CAM_1_IP=127.0.0.1
-SERV_PPL_CAM_1_HTTP=8002
-INI
+"$PPL_BUILD/tests/support/pplsandbox" --config 8001 8002 >/opt/user/ZV318/INIT/ZV318System.ini
 
 cap=16384
 initd() {
@@ -88,9 +76,9 @@ restart_logged() { grep -q "pplcounter: ended with status 137; starting it again
 wait_for 30 restart_logged || fail "the restart was not logged"
 
 # Cameras send about 100 events a second between them; the service logs each.
-sleep 8
 log=/tmp/log/pplcounter.log
-[ -f "$log.1" ] || fail "the log was never rotated: $(wc -c <"$log") bytes"
+rotated() { [ -f "$log.1" ]; }
+wait_for 150 rotated || fail "the log was never rotated: $(wc -c <"$log") bytes"
 size=$(wc -c <"$log") old=$(wc -c <"$log.1")
 echo "log $size bytes, previous $old bytes, cap $cap"
 [ "$size" -le "$cap" ] || fail "log over its cap"

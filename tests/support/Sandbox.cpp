@@ -225,6 +225,14 @@ std::string BuiltFile(const std::string& relative) {
     return "/proc/self/fd/" + std::to_string(g_build_dir_fd) + "/" + relative;
 }
 
+std::string BuildTreeForChildren() {
+    if (g_build_dir_fd < 0)
+        g_build_dir_fd = open(PPL_BINARY_DIR, O_PATH | O_DIRECTORY);
+    if (g_build_dir_fd < 0)
+        return PPL_BINARY_DIR;
+    return "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(g_build_dir_fd);
+}
+
 Child::~Child() {
     if (pid_ > 0 && !reaped_) {
         kill(pid_, SIGKILL);

@@ -36,6 +36,10 @@ std::string ConfigText(const std::map<std::string, std::string>& keys);
 // (the checkout may live under /tmp).
 std::string BuiltFile(const std::string& relative);
 
+// The build tree as a path the programs this process execs (and their
+// children) can use after /tmp was covered: /proc/<pid>/fd/<handle>.
+std::string BuildTreeForChildren();
+
 // Tests that need private namespaces fail where the kernel refuses them,
 // unless PPL_ALLOW_NO_NAMESPACES=1 explicitly allows skipping them
 // (SandboxGTest.h turns that into a failed or skipped test).

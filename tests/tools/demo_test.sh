@@ -6,7 +6,7 @@ set -uo pipefail
 require_namespaces
 src=$1 build=$2
 cd "$src" || exit 1
-out=$(PPL_BUILD_DIR="$build" unshare --ipc --mount --net --map-root-user scripts/demo-inside 5 2>&1)
+out=$("$build/tests/support/pplsandbox" scripts/demo-inside 5 2>&1)
 status=$?
 echo "$out" | tail -n 20
 fail() { echo "FAIL: $1"; exit 1; }

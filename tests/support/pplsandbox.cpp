@@ -1,0 +1,82 @@
+// The tests' sandbox and standard configuration for the shell tests and the
+// demo, so that they set up nothing of their own.
+//
+//   pplsandbox [--] COMMAND [ARG...]
+//       Runs COMMAND in private IPC, mount and network namespaces with fresh
+//       tmpfs on /tmp and /opt, /opt/user/ZV318/INIT made and loopback up.
+//       PPL_BUILD names the build tree (usable under the covered /tmp) and
+//       LD_LIBRARY_PATH points there for the client libraries.
+//   pplsandbox --config IN_PORT OUT_PORT [KEY=VALUE...]
+//       Prints the standard configuration for LAPI cameras on loopback at
+//       the two ports, with the given keys set or replaced.
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "Sandbox.h"
+
+namespace {
+
+const char kUsage[] =
+    "usage: pplsandbox [--] COMMAND [ARG...]\n"
+    "       pplsandbox --config IN_PORT OUT_PORT [KEY=VALUE...]\n";
+
+int Usage() {
+    fputs(kUsage, stderr);
+    return 2;
+}
+
+bool ReadPort(const char* text, int* port) {
+    char* end = nullptr;
+    long value = strtol(text, &end, 10);
+    if (end == text || *end != '\0' || value < 1 || value > 65535)
+        return false;
+    *port = static_cast<int>(value);
+    return true;
+}
+
+int PrintConfig(int argc, char** argv) {
+    int in_port = 0, out_port = 0;
+    if (argc < 2 || !ReadPort(argv[0], &in_port) || !ReadPort(argv[1], &out_port))
+        return Usage();
+    auto keys = ppltest::StandardConfig(in_port, out_port);
+    for (int i = 2; i < argc; ++i) {
+        const char* eq = strchr(argv[i], '=');
+        if (eq == nullptr || eq == argv[i]) {
+            fprintf(stderr, "pplsandbox: not KEY=VALUE: %s\n", argv[i]);
+            return 2;
+        }
+        keys[std::string(argv[i], static_cast<size_t>(eq - argv[i]))] = eq + 1;
+    }
+    fputs(ppltest::ConfigText(keys).c_str(), stdout);
+    return fflush(stdout) == 0 ? 0 : 1;
+}
+
+int RunInside(char** argv) {
+    std::string why;
+    if (!ppltest::EnterSandbox(&why, ppltest::SandboxFiles::InMemory)) {
+        fprintf(stderr, "pplsandbox: no private namespaces: %s\n", why.c_str());
+        return 1;
+    }
+    const std::string build = ppltest::BuildTreeForChildren();
+    setenv("PPL_BUILD", build.c_str(), 1);
+    setenv("LD_LIBRARY_PATH", build.c_str(), 1);
+    execvp(argv[0], argv);
+    fprintf(stderr, "pplsandbox: cannot run %s: %s\n", argv[0], strerror(errno));
+    return 127;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc >= 2 && strcmp(argv[1], "--config") == 0)
+        return PrintConfig(argc - 2, argv + 2);
+    int first = argc >= 2 && strcmp(argv[1], "--") == 0 ? 2 : 1;
+    if (first >= argc || argv[first][0] == '-')
+        return Usage();
+    return RunInside(argv + first);
+}
