@@ -15,7 +15,6 @@ namespace pplbench {
 constexpr int kQueueKey = 259;
 constexpr long kQueueCapacity = 64L << 20;
 constexpr int kInPort = 8001, kOutPort = 8002;
-constexpr int kInRelayPort = 9001, kOutRelayPort = 9002;
 constexpr int kStartTimeoutMs = 10000;
 constexpr double kMaxSustainedP99Ms = 20.0;
 constexpr double kMinAchievedShare = 0.95;
@@ -64,6 +63,9 @@ long FileSize(const std::string& path);
 long StrippedSize(const std::string& path);
 void WriteConfig();
 void DrainQueue(int queue);
+// Monotonic clock in nanoseconds: the one clock of the whole measurement
+// (the simulated cameras stamp their writes with it too).
+uint64_t NowNs();
 void SleepSeconds(double s);
 void SleepUntil(uint64_t ns);
 

@@ -7,7 +7,7 @@
 #include <fstream>
 #include <string>
 
-#include "Camera.h"
+#include "Bench.h"
 
 namespace pplbench {
 namespace {

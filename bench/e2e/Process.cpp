@@ -19,7 +19,6 @@
 #include <vector>
 
 #include "Bench.h"
-#include "Camera.h"
 #include "Sandbox.h"
 
 namespace pplbench {
@@ -105,6 +104,12 @@ void DrainQueue(int queue) {
     } msg;
     while (msgrcv(queue, &msg, sizeof(msg.text), 0, IPC_NOWAIT | MSG_NOERROR) >= 0) {
     }
+}
+
+uint64_t NowNs() {
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<uint64_t>(ts.tv_sec) * 1000000000u + static_cast<uint64_t>(ts.tv_nsec);
 }
 
 void SleepSeconds(double s) {

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "Camera.h"
+#include "Bench.h"
 
 namespace pplbench {
 namespace {

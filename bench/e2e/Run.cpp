@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "Bench.h"
-#include "Camera.h"
+#include "CameraSim.h"
 #include "Probe.h"
 #include "Reader.h"
 #include "Sandbox.h"
@@ -37,7 +37,7 @@ public:
           queue_(queue),
           max_seq_(MaxSeq(options)),
           reader_(max_seq_),
-          cams_{{kInPort, kInRelayPort}, {kOutPort, kOutRelayPort}} {
+          cams_{camsim::Camera(kInPort), camsim::Camera(kOutPort)} {
         for (auto& path : sent_at_) {
             for (auto& cam : path)
                 cam.assign(max_seq_ + 1, 0);
@@ -47,8 +47,8 @@ public:
         Reap(service_pid_, SIGTERM, 3000);
         reader_.Stop();
         // The relays end when their connections close.
-        cams_[0].Close();
-        cams_[1].Close();
+        cams_[0].Stop();
+        cams_[1].Stop();
         for (pid_t relay : relay_pids_)
             Reap(relay, SIGTERM, 2000);
     }
@@ -84,40 +84,44 @@ private:
     }
 
     bool StartUp() {
-        std::string why;
         DrainQueue(queue_);
-        if (!cams_[0].Listen(&why) || !cams_[1].Listen(&why))
-            return Fail(why);
+        for (camsim::Camera& cam : cams_) {
+            // A slow reader is measured, never cut off.
+            cam.SetSendTimeoutMs(0);
+            if (!cam.Start())
+                return Fail("listen on port " + std::to_string(cam.Port()) + ": " +
+                            strerror(errno));
+        }
         WriteConfig();
         uint64_t t0 = NowNs();
         service_pid_ =
             Spawn(service_fd_, {opt_.service}, "/tmp/pplcounter.out", "/tmp/pplcounter.err");
-        uint64_t subscribed[2] = {0, 0};
-        std::string whys[2];
-        bool ok[2] = {false, false};
-        std::thread other(
-            [&] { ok[1] = cams_[1].AwaitSubscription(kStartTimeoutMs, &subscribed[1], &whys[1]); });
-        ok[0] = cams_[0].AwaitSubscription(kStartTimeoutMs, &subscribed[0], &whys[0]);
-        other.join();
-        if (!ok[0] || !ok[1]) {
-            std::ifstream err("/tmp/pplcounter.err");
-            std::string first_line;
-            std::getline(err, first_line);
-            return Fail("service did not subscribe: " + whys[ok[0] ? 1 : 0] +
-                        (first_line.empty() ? "" : "; its standard error: " + first_line));
+        uint64_t subscribed = t0;
+        for (camsim::Camera& cam : cams_) {
+            if (!cam.WaitForSubscribers(1, kStartTimeoutMs))
+                return Fail("service did not subscribe: " + FirstLine("/tmp/pplcounter.err"));
+            subscribed = NowNs();
         }
-        result_.startup_ms = (std::max(subscribed[0], subscribed[1]) - t0) / 1e6;
+        result_.startup_ms = (subscribed - t0) / 1e6;
+        // Each relay subscribes after the service: the second connection.
         long types[2] = {kRelayInType, kRelayOutType};
         for (int cam = 0; cam < 2; ++cam) {
             relay_pids_.push_back(Spawn(relay_fd_,
-                                        {opt_.relay, std::to_string(cams_[cam].RelayPort()),
+                                        {opt_.relay, std::to_string(cams_[cam].Port()),
                                          std::to_string(kQueueKey), std::to_string(types[cam])},
                                         "/tmp/pplrelay.out",
                                         "/tmp/pplrelay" + std::to_string(cam) + ".err"));
-            if (!cams_[cam].AwaitRelay(kStartTimeoutMs, &why))
-                return Fail("relay did not connect: " + why);
+            if (!cams_[cam].WaitForSubscribers(2, kStartTimeoutMs))
+                return Fail("relay did not subscribe");
         }
         return reader_.Start(queue_);
+    }
+
+    static std::string FirstLine(const std::string& path) {
+        std::ifstream in(path);
+        std::string line;
+        std::getline(in, line);
+        return line.empty() ? "nothing on its standard error" : "its standard error: " + line;
     }
 
     bool MeasureIdle() {
@@ -185,17 +189,32 @@ private:
                 continue;
             if (batch[cam].back() > max_seq_)
                 return Fail("more events than planned");
-            uint64_t service_at = 0, relay_at = 0;
-            if (!cams_[cam].SendEvents(batch[cam].data(), batch[cam].size(), cam == kInCam,
-                                       &service_at, &relay_at)) {
+            // The service's and the relay's writes take turns going first.
+            std::vector<uint64_t> started;
+            if (cams_[cam].SendRawTimed(EventBatch(batch[cam], cam), ++batches_ % 2 == 1,
+                                        &started) != 2) {
                 return Fail("a camera connection was lost");
             }
             for (uint32_t seq : batch[cam]) {
-                sent_at_[kService][cam][seq] = service_at;
-                sent_at_[kRelay][cam][seq] = relay_at;
+                sent_at_[kService][cam][seq] = started[0];
+                sent_at_[kRelay][cam][seq] = started[1];
             }
         }
         return true;
+    }
+
+    // The event messages of these seqs in one piece, as a camera's network
+    // stack writes events that come faster than they leave: the seq is the
+    // in total on the in camera, the out total on the out camera.
+    static std::string EventBatch(const std::vector<uint32_t>& seqs, Cam cam) {
+        std::string bytes;
+        for (uint32_t seq : seqs) {
+            camsim::Totals totals;
+            (cam == kInCam ? totals.in : totals.out) = static_cast<int>(seq);
+            bytes += camsim::Camera::EventMessage(
+                camsim::Camera::EventBody(cam == kInCam ? 1 : 0, cam == kInCam ? 0 : 1, totals));
+        }
+        return bytes;
     }
 
     bool AllArrived(const std::vector<std::pair<Cam, uint32_t>>& events) const {
@@ -293,7 +312,8 @@ private:
     int service_fd_, relay_fd_, queue_;
     uint32_t max_seq_;
     Reader reader_;
-    Camera cams_[2];
+    camsim::Camera cams_[2];
+    uint64_t batches_ = 0;
     uint32_t seq_[2] = {0, 0};
     std::vector<uint64_t> sent_at_[2][2];
     pid_t service_pid_ = -1;

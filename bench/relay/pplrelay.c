@@ -1,7 +1,8 @@
 /* The floor of the event path: the least a program can do to turn a camera's
- * event messages into queue messages. One TCP connection, buffered reads,
- * each message (head, then Content-Length bytes of body) sent as one System V
- * message of the given type whose text is the body.
+ * event messages into queue messages. One TCP connection and the camera's
+ * event subscription on it, buffered reads, each message after the
+ * subscription's answer (head, then Content-Length bytes of body) sent as one
+ * System V message of the given type whose text is the body.
  * Usage: pplrelay PORT QUEUE_KEY TYPE   (connects to 127.0.0.1:PORT) */
 #define _GNU_SOURCE
 #include <arpa/inet.h>
@@ -25,10 +26,14 @@ int main(int argc, char** argv) {
     } msg = {.type = atol(argv[3])};
     int queue = msgget(atoi(argv[2]), 0);
     int fd = socket(AF_INET, SOCK_STREAM, 0);
-    if (queue < 0 || fd < 0 || connect(fd, (struct sockaddr*)&peer, sizeof(peer)) != 0) {
+    static const char subscribe[] =
+        "POST /LAPI/V1.0/System/Event/Subscription HTTP/1.1\r\nContent-Length: 0\r\n\r\n";
+    if (queue < 0 || fd < 0 || connect(fd, (struct sockaddr*)&peer, sizeof(peer)) != 0 ||
+        write(fd, subscribe, sizeof(subscribe) - 1) != (ssize_t)(sizeof(subscribe) - 1)) {
         perror("pplrelay");
         return 1;
     }
+    int answered = 0; /* the first message is the subscription's answer */
     static char buf[65536];
     size_t have = 0;
     long sent = 0, failed = 0;
@@ -48,12 +53,16 @@ int main(int argc, char** argv) {
             size_t whole = (size_t)(end + 4 - start) + (size_t)body;
             if (used + whole > have)
                 break;
+            used += whole;
+            if (!answered) {
+                answered = 1;
+                continue;
+            }
             memcpy(msg.text, end + 4, (size_t)body);
             if (msgsnd(queue, &msg, (size_t)body, IPC_NOWAIT) == 0)
                 sent++;
             else
                 failed++;
-            used += whole;
         }
         memmove(buf, buf + used, have - used);
         have -= used;

@@ -3,6 +3,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <strings.h>
 #include <sys/eventfd.h>
@@ -63,6 +64,15 @@ void ParseHead(const std::string& head, Request& req) {
             continue;
         req.headers.emplace_back(line.substr(0, colon), Trim(line.substr(colon + 1)));
     }
+}
+
+// A write blocks at most send_timeout_ms (0: no limit); events leave at
+// once, as a camera's do, not held back to fill a segment.
+void SetConnectionOptions(int fd, int send_timeout_ms) {
+    timeval tv = {send_timeout_ms / 1000, (send_timeout_ms % 1000) * 1000};
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
+    int one = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
 }
 
 }  // namespace
@@ -223,11 +233,10 @@ void Camera::AcceptLoop() {
         if (n > 0 && listen_fd_ >= 0 && (fds[1].revents & POLLIN)) {
             int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
             if (fd >= 0) {
-                timeval tv = {2, 0};
-                setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
                 auto conn = std::make_shared<Conn>();
                 conn->fd = fd;
                 std::lock_guard<std::mutex> guard(lock_);
+                SetConnectionOptions(fd, send_timeout_ms_);
                 if (stopping_) {
                     close(fd);
                     return;

@@ -2,6 +2,7 @@
 #include "CameraSim.h"
 
 #include <sys/socket.h>
+#include <time.h>
 
 #include <chrono>
 #include <cstring>
@@ -147,25 +148,52 @@ int Camera::SendRaw(const std::string& bytes) {
     return Broadcast(bytes, bytes);
 }
 
-int Camera::Broadcast(const std::string& bytes, const std::string& body) {
+std::vector<std::shared_ptr<Camera::Conn>> Camera::SubscribedConns() {
     std::vector<std::shared_ptr<Conn>> targets;
-    std::function<void(const std::string&, int)> listener;
-    {
-        std::lock_guard<std::mutex> guard(lock_);
-        for (auto& c : conns_) {
-            if (c->subscribed)
-                targets.push_back(c);
-        }
-        listener = on_event_;
+    std::lock_guard<std::mutex> guard(lock_);
+    for (auto& c : conns_) {
+        if (c->subscribed)
+            targets.push_back(c);
     }
+    return targets;
+}
+
+int Camera::Broadcast(const std::string& bytes, const std::string& body) {
+    std::vector<std::shared_ptr<Conn>> targets = SubscribedConns();
     int sent = 0;
     for (auto& c : targets) {
         if (c->Send(bytes))
             ++sent;
     }
+    std::function<void(const std::string&, int)> listener;
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        listener = on_event_;
+    }
     if (listener)
         listener(body, sent);
     return sent;
+}
+
+int Camera::SendRawTimed(const std::string& bytes, bool reverse,
+                         std::vector<uint64_t>* started_ns) {
+    std::vector<std::shared_ptr<Conn>> targets = SubscribedConns();
+    started_ns->assign(targets.size(), 0);
+    int sent = 0;
+    for (size_t k = 0; k < targets.size(); ++k) {
+        size_t i = reverse ? targets.size() - 1 - k : k;
+        timespec now;
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        (*started_ns)[i] =
+            static_cast<uint64_t>(now.tv_sec) * 1000000000u + static_cast<uint64_t>(now.tv_nsec);
+        sent += targets[i]->Send(bytes) ? 1 : 0;
+    }
+    return sent;
+}
+
+void Camera::SetSendTimeoutMs(int ms) {
+    std::lock_guard<std::mutex> guard(lock_);
+    send_timeout_ms_ = ms;
 }
 
 void Camera::Restart() {

@@ -117,6 +117,11 @@ public:
     int SendBody(const std::string& json);
     // Sends these bytes as they are (broken heads, garbage, half messages).
     int SendRaw(const std::string& bytes);
+    // SendRaw for measuring: one write per subscribed connection, in the
+    // order the connections were made (the other way round with reverse);
+    // started_ns gets, in the order made, the CLOCK_MONOTONIC time just
+    // before each write began.
+    int SendRawTimed(const std::string& bytes, bool reverse, std::vector<uint64_t>* started_ns);
     // Text of one event message carrying this body.
     static std::string EventMessage(const std::string& json);
     static std::string EventBody(int obj_in, int obj_out, const Totals& totals);
@@ -130,6 +135,11 @@ public:
     // out (out only while someone is inside). 0 stops it.
     void StartWalking(double people_per_min, uint32_t seed);
     void StopWalking();
+
+    // How long a write to a connection that takes nothing may block before
+    // the connection counts as gone (default 2000 ms, 0: no limit); for
+    // connections accepted after the call.
+    void SetSendTimeoutMs(int ms);
 
     // Misbehaviour on the connection level.
     void DropConnections();  // closes every open connection
@@ -170,6 +180,7 @@ private:
     void ReapFinished();
     void Wake();
     int Broadcast(const std::string& bytes, const std::string& body);
+    std::vector<std::shared_ptr<Conn>> SubscribedConns();
 
     int port_;
     std::string address_;
@@ -194,6 +205,7 @@ private:
     std::thread acceptor_;
     std::thread walker_;
     bool walking_ = false;
+    int send_timeout_ms_ = 2000;
 };
 
 // Extra endpoint sets for the executable, registered by other files of this
