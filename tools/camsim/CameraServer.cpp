@@ -307,17 +307,22 @@ void Camera::ServeConnection(std::shared_ptr<Conn> conn) {
 }
 
 bool Camera::ReadRequest(Conn& conn, std::string& pending, Request& req) {
-    char buf[4096];
-    size_t head_len;
-    while ((head_len = HeadEnd(pending)) == std::string::npos) {
-        if (pending.size() > kMaxHead)
-            return false;
-        ssize_t n = recv(conn.fd, buf, sizeof(buf), 0);
-        if (n < 0 && errno == EINTR)
-            continue;
+    // Appends what the connection has next; false once it is closed or failed.
+    auto receive_more = [&conn, &pending] {
+        char buf[4096];
+        ssize_t n;
+        do {
+            n = recv(conn.fd, buf, sizeof(buf), 0);
+        } while (n < 0 && errno == EINTR);
         if (n <= 0)
             return false;
         pending.append(buf, static_cast<size_t>(n));
+        return true;
+    };
+    size_t head_len;
+    while ((head_len = HeadEnd(pending)) == std::string::npos) {
+        if (pending.size() > kMaxHead || !receive_more())
+            return false;
     }
     ParseHead(pending.substr(0, head_len), req);
     long length = std::strtol(req.Header("Content-Length").c_str(), nullptr, 10);
@@ -325,12 +330,8 @@ bool Camera::ReadRequest(Conn& conn, std::string& pending, Request& req) {
         return false;
     size_t total = head_len + static_cast<size_t>(length);
     while (pending.size() < total) {
-        ssize_t n = recv(conn.fd, buf, sizeof(buf), 0);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
+        if (!receive_more())
             return false;
-        pending.append(buf, static_cast<size_t>(n));
     }
     req.raw = pending.substr(0, total);
     req.body = req.raw.substr(head_len);
