@@ -312,28 +312,42 @@ TEST_F(LapiCounter, FailedConnectWaitsTwoSeconds) {
     EXPECT_LT(ms, 3500);
 }
 
-// stop() returns promptly whatever the worker is waiting for.
+// stop() returns promptly whatever the worker is waiting for. Where the
+// camera shows that the state was reached the test waits for that; the
+// other states give no sign, and get a moment to be entered.
 TEST_F(LapiCounter, StopIsPromptFromEveryState) {
     SilentListener silent;
     ASSERT_TRUE(silent.Ready());
-    const std::vector<std::pair<const char*, std::function<void()>>> states = {
-        {"waiting for a target", [] {}},
-        {"connected and idle", [&] { StartConnected(); }},
-        {"connect pending", [&] { Aim(silent.Port()); }},
-        {"pause after a refusal", [&] { Aim(cam_.Port(), true); }},
-        {"subscription unanswered", [&] { Aim(cam_.Port(), false, Subscribe::Silent); }},
+    const auto a_moment = [] {
+        usleep(300000);
+        return true;
+    };
+    struct State {
+        const char* name;
+        std::function<void()> enter;
+        std::function<bool()> reached;
+    };
+    const std::vector<State> states = {
+        {"waiting for a target", [] {}, a_moment},
+        {"connected and idle", [&] { StartConnected(); }, [&] { return counter_.is_connect(); }},
+        {"connect pending", [&] { Aim(silent.Port()); }, a_moment},
+        {"pause after a refusal", [&] { Aim(cam_.Port(), true); }, a_moment},
+        {"subscription unanswered", [&] { Aim(cam_.Port(), false, Subscribe::Silent); },
+         [&] { return cam_.WaitForRequests(1, 3000); }},
         {"body awaited",
          [&] {
              StartConnected();
              cam_.SendRaw("POST /e HTTP/1.1\r\nContent-Length: 10\r\n\r\nabc");
-         }},
+         },
+         a_moment},
     };
-    for (const auto& state : states) {
-        state.second();
+    for (const State& state : states) {
+        cam_.ClearRequests();
+        state.enter();
         counter_.start();
-        usleep(400000);
-        EXPECT_LT(MsTaken([&] { counter_.stop(); }), 1000) << state.first;
-        EXPECT_FALSE(counter_.is_connect()) << state.first;
+        ASSERT_TRUE(state.reached()) << state.name;
+        EXPECT_LT(MsTaken([&] { counter_.stop(); }), 1000) << state.name;
+        EXPECT_FALSE(counter_.is_connect()) << state.name;
     }
 }
 
