@@ -258,7 +258,7 @@ TEST_F(LapiCounter, StartCountStopAndStartAgain) {
     counter_.stop();
     counter_.set_server_addr("127.0.0.1");
     counter_.start();
-    usleep(400000);
+    usleep(400000);  // the worker looks for a port twice meanwhile
     EXPECT_EQ(0, cam_.AcceptedConnections());
     cam_.SetTotals(10, 4);
     StartConnected();
@@ -284,7 +284,7 @@ TEST_F(LapiCounter, ConnectionIsMadeAgainAtOnce) {
     counter_.start();
     counter_.reconnect();
     StartConnected();
-    usleep(400000);
+    usleep(400000);  // time for a second connection that must not come
     EXPECT_EQ(1, cam_.AcceptedConnections());
     counter_.reconnect();
     ASSERT_TRUE(cam_.WaitForRequests(2, 3000));
@@ -304,7 +304,7 @@ TEST_F(LapiCounter, FailedConnectWaitsTwoSeconds) {
     Aim(cam_.Port(), true);
     long ms = MsTaken([&] {
         counter_.start();
-        usleep(300000);
+        usleep(300000);  // the first attempt meets the closed port
         cam_.SetRefusing(false);
         EXPECT_TRUE(cam_.WaitForSubscribers(1, 4000));
     });
