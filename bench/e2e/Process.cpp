@@ -1,18 +1,13 @@
 // The benchmark's processes, files and clocks.
 #include <fcntl.h>
 #include <sys/msg.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
-#include <algorithm>
+
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <fstream>
-#include <functional>
 #include <map>
 #include <string>
 #include <thread>

@@ -1,21 +1,8 @@
 // The benchmark's report: each run, then the medians against the targets.
-#include <fcntl.h>
-#include <sys/msg.h>
-#include <sys/prctl.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <time.h>
-#include <unistd.h>
 #include <algorithm>
-#include <csignal>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <fstream>
 #include <functional>
-#include <map>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "Bench.h"

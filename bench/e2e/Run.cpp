@@ -1,21 +1,13 @@
 // One run of the benchmark: start-up, idle, paced, burst and rate phases.
-#include <fcntl.h>
-#include <sys/msg.h>
-#include <sys/prctl.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <functional>
-#include <map>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "Bench.h"
