@@ -9,6 +9,7 @@
 //   pplsandbox --config IN_PORT OUT_PORT [KEY=VALUE...]
 //       Prints the standard configuration for LAPI cameras on loopback at
 //       the two ports, with the given keys set or replaced.
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -56,7 +57,15 @@ int PrintConfig(int argc, char** argv) {
     return fflush(stdout) == 0 ? 0 : 1;
 }
 
+// A command named by a path is found before /tmp is covered (a checkout may
+// lie there): it is held open, inheritable so that a script's interpreter
+// can open it again, and run through /proc/self/fd.
 int RunInside(char** argv) {
+    int held = -1;
+    if (strchr(argv[0], '/') != nullptr && (held = open(argv[0], O_PATH)) < 0) {
+        fprintf(stderr, "pplsandbox: cannot run %s: %s\n", argv[0], strerror(errno));
+        return 127;
+    }
     std::string why;
     if (!ppltest::EnterSandbox(&why, ppltest::SandboxFiles::InMemory)) {
         fprintf(stderr, "pplsandbox: no private namespaces: %s\n", why.c_str());
@@ -65,7 +74,8 @@ int RunInside(char** argv) {
     const std::string build = ppltest::BuildTreeForChildren();
     setenv("PPL_BUILD", build.c_str(), 1);
     setenv("LD_LIBRARY_PATH", build.c_str(), 1);
-    execvp(argv[0], argv);
+    const std::string program = held < 0 ? argv[0] : "/proc/self/fd/" + std::to_string(held);
+    execvp(program.c_str(), argv);
     fprintf(stderr, "pplsandbox: cannot run %s: %s\n", argv[0], strerror(errno));
     return 127;
 }
