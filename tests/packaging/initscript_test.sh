@@ -27,8 +27,9 @@ fi
 stage=$PPL_BUILD/initscript-stage
 mount -t tmpfs tmpfs /mnt
 mkdir -p /mnt/ppl /mnt/tools
-mount --bind "$stage/mnt/ppl" /mnt/ppl
-mount --bind "$stage/mnt/tools" /mnt/tools
+# Not canonicalized: the build tree's path may lie under the covered /tmp.
+mount --no-canonicalize --bind "$stage/mnt/ppl" /mnt/ppl
+mount --no-canonicalize --bind "$stage/mnt/tools" /mnt/tools
 # The service and the tools must find the staged libraries, not the build's.
 unset LD_LIBRARY_PATH
 mkdir -p /tmp/bb /tmp/run /tmp/log

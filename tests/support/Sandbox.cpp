@@ -169,6 +169,19 @@ std::vector<char*> ExecArgs(const std::vector<std::string>& argv) {
     return args;
 }
 
+// A handle opened before the new mount namespace still points into the old
+// one, from which nothing can be bind-mounted: the build tree is opened again
+// under the same number, before /tmp is covered.
+void ReopenBuildTree() {
+    int fd = open(PPL_BINARY_DIR, O_PATH | O_DIRECTORY);
+    if (fd < 0 || g_build_dir_fd < 0 || dup2(fd, g_build_dir_fd) < 0) {
+        if (fd >= 0)
+            close(fd);
+        return;
+    }
+    close(fd);
+}
+
 }  // namespace
 
 bool EnterIpcNamespace(std::string* why) {
@@ -198,6 +211,7 @@ bool EnterSandbox(std::string* why, SandboxFiles files) {
         *why = ErrnoText("make mounts private");
         return false;
     }
+    ReopenBuildTree();
     if (in_memory ? !MountTmpfs("/opt", why) || !MountTmpfs("/tmp", why)
                   : !BindOnto(opt_dir, "/opt", why) || !BindOnto(tmp_dir, "/tmp", why))
         return false;
