@@ -89,7 +89,7 @@ int Main(int argc, char** argv) {
         return 1;
     }
     std::string why;
-    if (!ppltest::EnterSandbox(&why, ppltest::SandboxFiles::InMemory)) {
+    if (!ppltest::EnterSandbox(&why)) {
         fprintf(stderr, "pplbench: %s\n", why.c_str());
         return 1;
     }

@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -22,6 +23,13 @@ namespace ppltest {
 namespace {
 
 int g_build_dir_fd = -1;
+
+// The build tree held open, so that it stays reachable after /tmp is covered.
+int BuildDirFd() {
+    if (g_build_dir_fd < 0)
+        g_build_dir_fd = open(PPL_BINARY_DIR, O_PATH | O_DIRECTORY);
+    return g_build_dir_fd;
+}
 
 std::string ErrnoText(const char* what) {
     return std::string(what) + ": " + strerror(errno);
@@ -75,53 +83,9 @@ bool BringLoopbackUp(std::string* why) {
     return ok;
 }
 
-bool MakeDirs(const std::string& path) {
-    std::string sofar;
-    std::stringstream ss(path);
-    std::string part;
-    while (std::getline(ss, part, '/')) {
-        if (part.empty())
-            continue;
-        sofar += "/" + part;
-        if (mkdir(sofar.c_str(), 0755) != 0 && errno != EEXIST)
-            return false;
-    }
-    return true;
-}
-
-// Fresh directories that will cover /tmp and /opt; kept in the build tree.
-bool MakeSandboxDirs(std::string* tmp_dir, std::string* opt_dir, std::string* why) {
-    std::string root = std::string(PPL_BINARY_DIR) + "/sandboxes";
-    MakeDirs(root);
-    std::string templ = root + "/sbx-XXXXXX";
-    std::vector<char> buf(templ.begin(), templ.end());
-    buf.push_back('\0');
-    if (mkdtemp(buf.data()) == nullptr) {
-        *why = ErrnoText("mkdtemp");
-        return false;
-    }
-    std::string base(buf.data());
-    *tmp_dir = base + "/tmp";
-    *opt_dir = base + "/opt";
-    if (mkdir(tmp_dir->c_str(), 01777) != 0 || mkdir(opt_dir->c_str(), 0755) != 0) {
-        *why = ErrnoText("mkdir");
-        return false;
-    }
-    chmod(tmp_dir->c_str(), 01777);
-    return true;
-}
-
 bool MountTmpfs(const char* onto, std::string* why) {
     if (mount("tmpfs", onto, "tmpfs", MS_NOSUID | MS_NODEV, "size=256m,mode=1777") != 0) {
         *why = ErrnoText((std::string("mount tmpfs on ") + onto).c_str());
-        return false;
-    }
-    return true;
-}
-
-bool BindOnto(const std::string& from, const char* onto, std::string* why) {
-    if (mount(from.c_str(), onto, nullptr, MS_BIND, nullptr) != 0) {
-        *why = ErrnoText((std::string("bind onto ") + onto).c_str());
         return false;
     }
     return true;
@@ -194,13 +158,8 @@ bool EnterIpcNamespace(std::string* why) {
     return true;
 }
 
-bool EnterSandbox(std::string* why, SandboxFiles files) {
-    if (g_build_dir_fd < 0)
-        g_build_dir_fd = open(PPL_BINARY_DIR, O_PATH | O_DIRECTORY);
-    std::string tmp_dir, opt_dir;
-    bool in_memory = files == SandboxFiles::InMemory;
-    if (!in_memory && !MakeSandboxDirs(&tmp_dir, &opt_dir, why))
-        return false;
+bool EnterSandbox(std::string* why) {
+    BuildDirFd();
     if (!EnterUserNamespaceIfNeeded(why))
         return false;
     if (unshare(CLONE_NEWIPC | CLONE_NEWNS | CLONE_NEWNET) != 0) {
@@ -212,15 +171,15 @@ bool EnterSandbox(std::string* why, SandboxFiles files) {
         return false;
     }
     ReopenBuildTree();
-    if (in_memory ? !MountTmpfs("/opt", why) || !MountTmpfs("/tmp", why)
-                  : !BindOnto(opt_dir, "/opt", why) || !BindOnto(tmp_dir, "/tmp", why))
+    if (!MountTmpfs("/opt", why) || !MountTmpfs("/tmp", why))
         return false;
     // Keep the service's syslog lines off the host's logger (they are
     // copied to standard error anyway).
     if (access("/dev/log", F_OK) == 0)
         mount("/dev/null", "/dev/log", nullptr, MS_BIND, nullptr);
-    if (!MakeDirs("/opt/user/ZV318/INIT")) {
-        *why = ErrnoText("mkdir /opt/user/ZV318/INIT");
+    std::error_code error;
+    if (!std::filesystem::create_directories("/opt/user/ZV318/INIT", error)) {
+        *why = "mkdir /opt/user/ZV318/INIT: " + error.message();
         return false;
     }
     return BringLoopbackUp(why);
@@ -232,17 +191,13 @@ bool NamespacesMayBeSkipped() {
 }
 
 std::string BuiltFile(const std::string& relative) {
-    if (g_build_dir_fd < 0)
-        g_build_dir_fd = open(PPL_BINARY_DIR, O_PATH | O_DIRECTORY);
-    if (g_build_dir_fd < 0)
+    if (BuildDirFd() < 0)
         return std::string(PPL_BINARY_DIR) + "/" + relative;
     return "/proc/self/fd/" + std::to_string(g_build_dir_fd) + "/" + relative;
 }
 
 std::string BuildTreeForChildren() {
-    if (g_build_dir_fd < 0)
-        g_build_dir_fd = open(PPL_BINARY_DIR, O_PATH | O_DIRECTORY);
-    if (g_build_dir_fd < 0)
+    if (BuildDirFd() < 0)
         return PPL_BINARY_DIR;
     return "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(g_build_dir_fd);
 }

@@ -12,14 +12,11 @@ namespace ppltest {
 
 // Moves the calling process, which must still be single-threaded, into
 // private IPC, mount and network namespaces (with a user namespace when not
-// root), binds fresh empty directories onto /tmp and /opt, creates
-// /opt/user/ZV318/INIT and brings loopback up. The service's fixed paths and
-// queue keys then belong to this test alone. Returns false with a reason when
-// the kernel does not allow it. With SandboxFiles::InMemory, /tmp and /opt are
-// fresh tmpfs instead (for the benchmark: no disk in the measured path, and
-// nothing left behind).
-enum class SandboxFiles { InBuildTree, InMemory };
-bool EnterSandbox(std::string* why, SandboxFiles files = SandboxFiles::InBuildTree);
+// root), mounts fresh tmpfs on /tmp and /opt, creates /opt/user/ZV318/INIT
+// and brings loopback up. The service's fixed paths and queue keys then
+// belong to this process alone, and nothing is left behind when it ends.
+// Returns false with a reason when the kernel does not allow it.
+bool EnterSandbox(std::string* why);
 
 // Only a private System V IPC namespace (for queue tests).
 bool EnterIpcNamespace(std::string* why);

@@ -67,7 +67,7 @@ int RunInside(char** argv) {
         return 127;
     }
     std::string why;
-    if (!ppltest::EnterSandbox(&why, ppltest::SandboxFiles::InMemory)) {
+    if (!ppltest::EnterSandbox(&why)) {
         fprintf(stderr, "pplsandbox: no private namespaces: %s\n", why.c_str());
         return 1;
     }
