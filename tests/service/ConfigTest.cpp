@@ -9,30 +9,21 @@ namespace {
 using ::testing::HasSubstr;
 using ::testing::Not;
 
-std::string ReadIniOutput(TestableService& svc) {
-    ::testing::internal::CaptureStdout();
-    EXPECT_TRUE(svc.ReadIni());
-    return ::testing::internal::GetCapturedStdout();
-}
-
 TEST_F(ServiceTest, GroupCountIsCappedAtOne) {
     auto cfg = BaseLapiConfig();
     cfg["SERV_PPL_NUM"] = "3";
-    WriteConfig(cfg);
-    std::string out = ReadIniOutput(*svc_);
+    std::string out = Load(cfg);
     EXPECT_THAT(out, HasSubstr("PPL Grp Num: 3\nMax PPL Group Num is 1\nPPL Service Enable: 1\n"));
     EXPECT_EQ(svc_->group_num, 1u);
 }
 
 TEST_F(ServiceTest, DisabledServiceStopsEveryCounterAndReadsNothingElse) {
     auto cfg = BaseLapiConfig();
-    WriteConfig(cfg);
-    ReadIniOutput(*svc_);
+    Load(cfg);
     EXPECT_TRUE(svc_->lapi_counters[0]->is_running());
     cfg["SERV_PPL_ENABLE"] = "0";
     cfg["SERV_PPL_TYPE"] = "3DPCV2";
-    WriteConfig(cfg);
-    std::string out = ReadIniOutput(*svc_);
+    std::string out = Load(cfg);
     EXPECT_THAT(out, Not(HasSubstr("PPL In Cam")));
     EXPECT_EQ(svc_->use_3dpc, 0u) << "the camera kind is not read when disabled";
     for (auto* c : svc_->lapi_counters)
@@ -41,15 +32,14 @@ TEST_F(ServiceTest, DisabledServiceStopsEveryCounterAndReadsNothingElse) {
 }
 
 TEST_F(ServiceTest, MissingFileIsCreatedEmptyAndReadsAsServiceOff) {
-    std::string out = ReadIniOutput(*svc_);
+    std::string out = ReadConfig();
     EXPECT_EQ(out, "PPL Grp Num: 0\nPPL Service Enable: 0\n");
     EXPECT_EQ(access(where_.system_ini.c_str(), F_OK), 0);
     EXPECT_EQ(ReadWholeFile(where_.system_ini), "");
 }
 
 TEST_F(ServiceTest, SeparateInAndOutCamerasGetInAndOutDirections) {
-    WriteConfig(BaseLapiConfig());
-    std::string out = ReadIniOutput(*svc_);
+    std::string out = Load(BaseLapiConfig());
     EXPECT_THAT(out, HasSubstr("PPL In Cam: 0\npair in: 0, pair out: -1\n"
                                "PPL Out Cam: 1\npair in: 0, pair out: 1\n"
                                "PPL Alarm Over: 10\nPPL Alarm Under: 2\n"
@@ -69,8 +59,7 @@ TEST_F(ServiceTest, SharedInAndOutCameraEndsDualAndIsAddedOnce) {
     auto cfg = BaseLapiConfig();
     cfg["SERV_PPL_IN_0_CAM"] = "2";
     cfg["SERV_PPL_OUT_0_CAM"] = "2";
-    WriteConfig(cfg);
-    ReadIniOutput(*svc_);
+    Load(cfg);
     EXPECT_EQ(svc_->lapi_counters[2]->get_dir(), PPL_DIR_DUAL);
     EXPECT_EQ(svc_->groups[0]->num(), 1);
     EXPECT_EQ(svc_->lapi_cam_mask, 0x4u);
@@ -82,8 +71,7 @@ TEST_F(ServiceTest, SharedInAndOutCameraEndsDualAndIsAddedOnce) {
 TEST_F(ServiceTest, CameraIndexOutsideTheFourCountersIsIgnored) {
     auto cfg = BaseLapiConfig();
     cfg["SERV_PPL_OUT_0_CAM"] = "7";
-    WriteConfig(cfg);
-    ReadIniOutput(*svc_);
+    Load(cfg);
     EXPECT_EQ(svc_->lapi_cam_mask, 0x1u);
     std::pair<int, int> pair;
     svc_->groups[0]->get_cam_pair(pair);
@@ -93,11 +81,9 @@ TEST_F(ServiceTest, CameraIndexOutsideTheFourCountersIsIgnored) {
 
 TEST_F(ServiceTest, LapiWithNoGroupsStopsEveryCounter) {
     auto cfg = BaseLapiConfig();
-    WriteConfig(cfg);
-    ReadIniOutput(*svc_);
+    Load(cfg);
     cfg["SERV_PPL_NUM"] = "0";
-    WriteConfig(cfg);
-    std::string out = ReadIniOutput(*svc_);
+    std::string out = Load(cfg);
     EXPECT_THAT(out, Not(HasSubstr("PPL In Cam")));
     for (auto* c : svc_->lapi_counters)
         EXPECT_FALSE(c->is_running());
@@ -109,33 +95,28 @@ TEST_F(ServiceTest, ThreeDpcReadsGroupZeroEvenWithoutGroupsAndRunsOnlyForCameraZ
     cfg["SERV_PPL_TYPE"] = "3DPCV2";
     cfg["SERV_PPL_IN_0_CAM"] = "1";
     cfg["SERV_PPL_OUT_0_CAM"] = "1";
-    WriteConfig(cfg);
-    std::string out = ReadIniOutput(*svc_);
+    std::string out = Load(cfg);
     EXPECT_THAT(out, HasSubstr("PPL In Cam: 1\n"));
     EXPECT_EQ(svc_->group_num, 1u);
     EXPECT_EQ(svc_->use_3dpc, 1u);
     EXPECT_FALSE(svc_->counter_3dpc->is_running()) << "bit 0 of the mask is clear";
 
     cfg["SERV_PPL_IN_0_CAM"] = "0";
-    WriteConfig(cfg);
-    ReadIniOutput(*svc_);
+    Load(cfg);
     EXPECT_TRUE(svc_->counter_3dpc->is_running());
     EXPECT_EQ(svc_->counter_3dpc->get_dir(), PPL_DIR_OUT) << "one counter, in 0 then out 1";
 
     cfg.erase("SERV_PPL_TYPE");
-    WriteConfig(cfg);
-    ReadIniOutput(*svc_);
+    Load(cfg);
     EXPECT_EQ(svc_->use_3dpc, 1u) << "a missing type keeps the previous kind";
 }
 
 TEST_F(ServiceTest, IncompleteSettingsKeepTheGroupsEarlierSettings) {
     auto cfg = BaseLapiConfig();
-    WriteConfig(cfg);
-    ReadIniOutput(*svc_);
+    Load(cfg);
     cfg["SERV_PPL_SETTINGS_0_REPORT_INTERVAL"] = "99";
     cfg.erase("SERV_PPL_SETTINGS_0_SENSITIVITY");
-    WriteConfig(cfg);
-    std::string out = ReadIniOutput(*svc_);
+    std::string out = Load(cfg);
     EXPECT_THAT(out, HasSubstr("PPL Report Interval: 99\n"
                                "PPL config is incomplete: SERV_PPL_SETTINGS_0_SENSITIVITY\n"));
     EXPECT_THAT(out, Not(HasSubstr("PPL settings are")));
@@ -148,19 +129,16 @@ TEST_F(ServiceTest, IncompleteSettingsKeepTheGroupsEarlierSettings) {
 
 TEST_F(ServiceTest, SameAndDifferentSettingsAcrossReads) {
     auto cfg = BaseLapiConfig();
-    WriteConfig(cfg);
-    EXPECT_THAT(ReadIniOutput(*svc_), HasSubstr("PPL settings are different."));
-    EXPECT_THAT(ReadIniOutput(*svc_), HasSubstr("PPL settings are the same."));
+    EXPECT_THAT(Load(cfg), HasSubstr("PPL settings are different."));
+    EXPECT_THAT(ReadConfig(), HasSubstr("PPL settings are the same."));
     cfg["SERV_PPL_OUT_0_CAM"] = "2";
-    WriteConfig(cfg);
-    EXPECT_THAT(ReadIniOutput(*svc_), HasSubstr("PPL settings are different."));
+    EXPECT_THAT(Load(cfg), HasSubstr("PPL settings are different."));
 }
 
 TEST_F(ServiceTest, LongResetTimeIsCutToItsField) {
     auto cfg = BaseLapiConfig();
     cfg["SERV_PPL_SETTINGS_0_RESET_TIME"] = "01234567890123456789";
-    WriteConfig(cfg);
-    ReadIniOutput(*svc_);
+    Load(cfg);
     _PPL_CAM_SETTINGS s;
     svc_->groups[0]->get_ppl_settings(s);
     EXPECT_EQ(std::string(s.ResetTime), "012345678901234");

@@ -84,9 +84,8 @@ void PrintTo(const CommandCase& c, std::ostream* os) {
 class Commands : public ServiceTest, public ::testing::WithParamInterface<CommandCase> {};
 
 TEST_P(Commands, ResultAndReplyText) {
-    WriteConfig(BaseLapiConfig());  // camera keys missing: requests fail
+    Load(BaseLapiConfig());  // camera keys missing: requests fail
     ::testing::internal::CaptureStdout();
-    svc_->ReadIni();
     char reply[256] = {0};
     bool ok = svc_->ParseCmd(GetParam().text, reply);
     std::string out = ::testing::internal::GetCapturedStdout();
@@ -110,9 +109,8 @@ INSTANTIATE_TEST_SUITE_P(
     [](const ::testing::TestParamInfo<CommandCase>& info) { return info.param.name; });
 
 TEST_F(ServiceTest, ResetSetsTheRestartBitAndConfigChangeTheReloadFlag) {
-    WriteConfig(BaseLapiConfig());
+    Load(BaseLapiConfig());
     ::testing::internal::CaptureStdout();
-    svc_->ReadIni();
     svc_->reload_config = false;
     char reply[256] = {0};
     EXPECT_TRUE(svc_->ParseCmd("action=ppl_reset_service&group=0", reply));
@@ -129,9 +127,8 @@ TEST_F(ServiceTest, ResetSetsTheRestartBitAndConfigChangeTheReloadFlag) {
 TEST_F(ServiceTest, ClearWithAnIncompletePairContactsNoCamera) {
     auto cfg = BaseLapiConfig();
     cfg.erase("SERV_PPL_IN_0_CAM");
-    WriteConfig(cfg);
+    Load(cfg);
     ::testing::internal::CaptureStdout();
-    svc_->ReadIni();
     char reply[256] = {0};
     EXPECT_FALSE(svc_->ParseCmd("action=ppl_clear_counts&group=0", reply));
     std::string out = ::testing::internal::GetCapturedStdout();
@@ -151,9 +148,8 @@ TEST_F(ServiceTest, ModuleEventsActOnlyOnConfiguredLapiChannels) {
     auto cfg = BaseLapiConfig();
     cfg["SERV_PPL_CAM_1_IP"] = "127.0.0.1";
     cfg["SERV_PPL_CAM_1_HTTP"] = "9";
-    WriteConfig(cfg);
+    Load(cfg);
     ::testing::internal::CaptureStdout();
-    svc_->ReadIni();
     svc_->ReadCamIni();
     ::testing::internal::GetCapturedStdout();
     EXPECT_FALSE(svc_->ParseEvt(nullptr));
@@ -173,10 +169,7 @@ TEST_F(ServiceTest, ModuleEventsActOnlyOnConfiguredLapiChannels) {
 }
 
 TEST_F(ServiceTest, StatusFileKeysLimitsOnlyOnReloadAndStates) {
-    WriteConfig(BaseLapiConfig());
-    ::testing::internal::CaptureStdout();
-    svc_->ReadIni();
-    ::testing::internal::GetCapturedStdout();
+    Load(BaseLapiConfig());
     svc_->reload_config = true;
     svc_->UpdateStatus();
     EXPECT_EQ(ReadWholeFile(where_.status_ini),

@@ -40,6 +40,17 @@ void ServiceTest::WriteConfig(const std::map<std::string, std::string>& keys) {
     WriteWholeFile(where_.system_ini, ConfigText(keys));
 }
 
+std::string ServiceTest::ReadConfig() {
+    ::testing::internal::CaptureStdout();
+    EXPECT_TRUE(svc_->ReadIni());
+    return ::testing::internal::GetCapturedStdout();
+}
+
+std::string ServiceTest::Load(const std::map<std::string, std::string>& keys) {
+    WriteConfig(keys);
+    return ReadConfig();
+}
+
 std::map<std::string, std::string> ServiceTest::ReadStatus() {
     SAttr status('=', "\r\n", "\n", nullptr);
     status.LoadFile(where_.status_ini.c_str());

@@ -53,6 +53,10 @@ protected:
     void TearDown() override;
 
     void WriteConfig(const std::map<std::string, std::string>& keys);
+    // Has the service read its configuration; returns what it printed.
+    std::string ReadConfig();
+    // WriteConfig, then ReadConfig.
+    std::string Load(const std::map<std::string, std::string>& keys);
     std::map<std::string, std::string> ReadStatus();
     // Events waiting on the module's queue, oldest first.
     std::vector<std::string> DrainEvents();
