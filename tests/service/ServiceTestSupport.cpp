@@ -3,6 +3,8 @@
 
 #include <stdlib.h>
 
+#include <filesystem>
+
 #include "SAttr.h"
 
 namespace ppltest {
@@ -32,8 +34,12 @@ void ServiceTest::TearDown() {
     }
     svc_.reset();
     module_queue_.reset();
+    // Removed in-process: under ARM emulation a fork right after the
+    // counters' threads have ended can leave the child hung before it runs
+    // a shell, and the test with it.
+    std::error_code error;
     if (!dir_.empty())
-        system(("rm -rf '" + dir_ + "'").c_str());
+        std::filesystem::remove_all(dir_, error);
 }
 
 void ServiceTest::WriteConfig(const std::map<std::string, std::string>& keys) {

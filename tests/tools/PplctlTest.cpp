@@ -7,6 +7,7 @@
 #include <stdlib.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <string>
@@ -29,7 +30,9 @@ const std::string& Scratch() {
 class ScratchCleanup : public testing::Environment {
     void TearDown() override {
         if (Scratch() != testing::TempDir()) {
-            EXPECT_EQ(system(("rm -rf '" + Scratch() + "'").c_str()), 0);
+            std::error_code error;
+            std::filesystem::remove_all(Scratch(), error);
+            EXPECT_FALSE(error) << error.message();
         }
     }
 };
