@@ -9,8 +9,8 @@
 #include <memory>
 
 #include "CameraSim.h"
+#include "LapiRig.h"
 #include "SandboxGTest.h"
-#include "ServiceHarness.h"
 #include "TarnEndpoints.h"
 
 namespace ppltest {

@@ -36,19 +36,5 @@ INSTANTIATE_TEST_SUITE_P(Signals, Lifecycle, ::testing::Values(SIGTERM, SIGINT),
                              return info.param == SIGTERM ? "SIGTERM" : "SIGINT";
                          });
 
-TEST(LifecycleStartup, MissingConfigurationIsCreatedEmptyAndServiceStaysOff) {
-    PPL_ENTER_SANDBOX_OR_SKIP();
-    ServiceHarness h;
-    ASSERT_TRUE(h.StartService());
-    EXPECT_TRUE(h.WaitEvent("event=ppl_enable&enable=0"));
-    EXPECT_TRUE(WaitFor(3000, [] { return access(ServiceHarness::kSystemIni, F_OK) == 0; }));
-    EXPECT_EQ(ReadWholeFile(ServiceHarness::kSystemIni), "");
-    // No group: no count event, and the status file holds nothing.
-    EXPECT_EQ(h.NextEvent(500), "");
-    EXPECT_EQ(h.Command("action=ppl_get_service_status"),
-              "reply=success&in0=disconnect&out0=disconnect");
-    EXPECT_EQ(h.StopService(SIGTERM), 0);
-}
-
 }  // namespace
 }  // namespace ppltest

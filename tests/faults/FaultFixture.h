@@ -8,7 +8,7 @@
 #include <string>
 
 #include "CameraSim.h"
-#include "ServiceHarness.h"
+#include "LapiRig.h"
 #include "TarnEndpoints.h"
 
 namespace ppltest {

@@ -36,7 +36,11 @@ TEST_F(FaultTest, ConfigurationMissingGarbageUnreadableOrHuge) {
     ASSERT_EQ(unlink(ini.c_str()), 0);
     ASSERT_TRUE(h_->StartService());
     EXPECT_TRUE(h_->WaitEvent("event=ppl_enable&enable=0"));
-    EXPECT_TRUE(WaitFor(3000, [&] { return Exists(ini); })) << "created empty";
+    EXPECT_TRUE(WaitFor(3000, [&] { return Exists(ini); })) << "created";
+    EXPECT_EQ(ReadWholeFile(ini), "");
+    EXPECT_EQ(h_->NextEvent(500), "") << "no group, so no count event";
+    EXPECT_EQ(h_->Command("action=ppl_get_service_status"),
+              "reply=success&in0=disconnect&out0=disconnect");
     ASSERT_NO_FATAL_FAILURE(ExpectAlive("no configuration"));
 
     auto reload = [&](const std::string& what, const std::string& enable) {

@@ -6,12 +6,8 @@
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-#include "CameraSim.h"
 #include "NModuleInterface.h"
 #include "Sandbox.h"
-#include "TarnEndpoints.h"
 
 namespace ppltest {
 
@@ -55,19 +51,6 @@ private:
     std::unique_ptr<NCommandIPC> client_;
     Child service_;
     std::vector<std::string> seen_;
-};
-
-// A sandbox with that set-up written: both cameras simulated (account
-// admin/secret, settings recorded) and the harness ready to start the service.
-class LapiRigTest : public ::testing::Test {
-protected:
-    void SetUp() override;
-    void TearDown() override;
-
-    std::unique_ptr<camsim::Camera> in_cam_, out_cam_;
-    std::unique_ptr<camsim::TarnEndpoints> in_ctl_, out_ctl_;
-    std::unique_ptr<ServiceHarness> h_;
-    std::map<std::string, std::string> config_;
 };
 
 }  // namespace ppltest
