@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "Probe.h"  // NowNs, the one clock
+
 namespace pplbench {
 
 constexpr int kQueueKey = 259;
@@ -63,9 +65,6 @@ long FileSize(const std::string& path);
 long StrippedSize(const std::string& path);
 void WriteConfig();
 void DrainQueue(int queue);
-// Monotonic clock in nanoseconds: the one clock of the whole measurement
-// (the simulated cameras stamp their writes with it too).
-uint64_t NowNs();
 void SleepSeconds(double s);
 void SleepUntil(uint64_t ns);
 

@@ -101,12 +101,6 @@ void DrainQueue(int queue) {
     }
 }
 
-uint64_t NowNs() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<uint64_t>(ts.tv_sec) * 1000000000u + static_cast<uint64_t>(ts.tv_nsec);
-}
-
 void SleepSeconds(double s) {
     std::this_thread::sleep_for(std::chrono::microseconds(static_cast<long>(s * 1e6)));
 }

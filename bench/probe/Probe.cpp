@@ -4,10 +4,9 @@
 
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <string>
-
-#include "Bench.h"
 
 namespace pplbench {
 namespace {
@@ -22,6 +21,17 @@ long StatusField(const std::string& path, const char* name) {
             return std::stol(line.substr(len + 1));
     }
     return -1;
+}
+
+int CountDescriptors(const std::string& base) {
+    DIR* dir = opendir((base + "/fd").c_str());
+    if (dir == nullptr)
+        return -1;
+    int count = 0;
+    while (dirent* entry = readdir(dir))
+        count += entry->d_name[0] != '.';
+    closedir(dir);
+    return count;
 }
 
 bool AddThread(const std::string& task, ProcessSample* s) {
@@ -43,6 +53,12 @@ bool AddThread(const std::string& task, ProcessSample* s) {
 
 }  // namespace
 
+uint64_t NowNs() {
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<uint64_t>(ts.tv_sec) * 1000000000u + static_cast<uint64_t>(ts.tv_nsec);
+}
+
 bool SampleProcess(pid_t pid, ProcessSample* sample) {
     ProcessSample s;
     s.at_ns = NowNs();
@@ -59,11 +75,12 @@ bool SampleProcess(pid_t pid, ProcessSample* sample) {
     s.rss_kib = StatusField(base + "/status", "VmRSS");
     s.peak_rss_kib = StatusField(base + "/status", "VmHWM");
     s.threads = static_cast<int>(StatusField(base + "/status", "Threads"));
+    s.fds = CountDescriptors(base);
     s.pss_kib = StatusField(base + "/smaps_rollup", "Pss");
     s.private_kib = StatusField(base + "/smaps_rollup", "Private_Clean") +
                     StatusField(base + "/smaps_rollup", "Private_Dirty");
     *sample = s;
-    return ok && s.rss_kib >= 0;
+    return ok && s.rss_kib >= 0 && s.fds >= 0;
 }
 
 }  // namespace pplbench

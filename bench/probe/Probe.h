@@ -7,7 +7,8 @@
 
 namespace pplbench {
 
-// What the kernel says about a process, summed over its threads.
+// What the kernel says about a process, summed over its threads: the
+// figures of the benchmark and of the soak.
 struct ProcessSample {
     uint64_t at_ns = 0;        // monotonic time of the sample
     uint64_t cpu_ns = 0;       // time on a CPU
@@ -18,8 +19,15 @@ struct ProcessSample {
     long pss_kib = 0;      // shared pages divided among their users
     long private_kib = 0;  // pages of this process alone
     int threads = 0;
+    int fds = 0;  // open descriptors
 };
 
+// Monotonic clock in nanoseconds: the one clock of every measurement (the
+// simulated cameras of the end-to-end benchmark stamp their writes with it).
+uint64_t NowNs();
+
+// Reads /proc/<pid>; false when the process or one of its threads could not
+// be read.
 bool SampleProcess(pid_t pid, ProcessSample* sample);
 
 }  // namespace pplbench

@@ -5,8 +5,7 @@
 // threads or descriptors than after its first minute, and its counts must be
 // the cameras' totals. Run by scripts/soak; not part of the test suite.
 //
-// Usage: soak_driver [--minutes N] [--rate PEOPLE_PER_MINUTE]
-#include <dirent.h>
+// Usage: pplsoak [--minutes N] [--rate PEOPLE_PER_MINUTE]
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,13 +15,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "CameraSim.h"
+#include "Probe.h"
 #include "ServiceHarness.h"
 #include "TarnEndpoints.h"
 
@@ -30,42 +29,19 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-struct Usage {
-    long rss_kb = -1;
-    long threads = -1;
-    long fds = -1;
-};
+using Usage = pplbench::ProcessSample;
 
-long StatusField(pid_t pid, const char* name) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
-    std::string key;
-    while (in >> key) {
-        if (key == name) {
-            long value = -1;
-            in >> value;
-            return value;
-        }
-        std::getline(in, key);
-    }
-    return -1;
-}
-
+// The soak compares memory, threads and descriptors only, so a thread that
+// ended while its CPU time was read does not spoil the sample.
 Usage Measure(pid_t pid) {
     Usage u;
-    u.rss_kb = StatusField(pid, "VmRSS:");
-    u.threads = StatusField(pid, "Threads:");
-    std::string dir = "/proc/" + std::to_string(pid) + "/fd";
-    if (DIR* d = opendir(dir.c_str())) {
-        u.fds = 0;
-        while (dirent* e = readdir(d))
-            u.fds += e->d_name[0] != '.';
-        closedir(d);
-    }
+    u.rss_kib = u.threads = u.fds = -1;
+    pplbench::SampleProcess(pid, &u);
     return u;
 }
 
 std::string Describe(const Usage& u) {
-    return "rss " + std::to_string(u.rss_kb) + " kB, threads " + std::to_string(u.threads) +
+    return "rss " + std::to_string(u.rss_kib) + " kB, threads " + std::to_string(u.threads) +
            ", fds " + std::to_string(u.fds);
 }
 
@@ -249,11 +225,11 @@ bool Soak::Settle() {
 bool Soak::CheckEnd() {
     Usage end = Measure(h_->Service().Pid());
     printf("soak: at the end: %s\n", Describe(end).c_str());
-    long allowed = warm_.rss_kb + std::max(1024L, warm_.rss_kb / 20);
+    long allowed = warm_.rss_kib + std::max(1024L, warm_.rss_kib / 20);
     bool ok = true;
-    if (end.rss_kb > allowed)
-        ok = Fail("memory grew: " + std::to_string(warm_.rss_kb) + " kB -> " +
-                  std::to_string(end.rss_kb) + " kB");
+    if (end.rss_kib > allowed)
+        ok = Fail("memory grew: " + std::to_string(warm_.rss_kib) + " kB -> " +
+                  std::to_string(end.rss_kib) + " kB");
     if (end.threads != warm_.threads)
         ok =
             Fail("threads " + std::to_string(warm_.threads) + " -> " + std::to_string(end.threads));
