@@ -10,9 +10,20 @@ constexpr const char* kSystemIniPath = "/opt/user/ZV318/INIT/ZV318System.ini";
 constexpr const char* kStatusIniPath = "/tmp/PPLCounter.ini";
 constexpr const char* kRecordIniPath = "/opt/user/PPLRecord.ini";
 constexpr const char* kCommandSocketPath = "/tmp/SI_PPLCOUNTER";
-// Held by the running service so that a second one refuses to start; kept
-// beside the socket it protects.
-constexpr const char* kInstanceLockPath = "/tmp/PPLCounter.lock";
+// Held by the running service so that a second one refuses to start. It
+// lives in the first of these directories that exists and the service may
+// write: the runtime directories only root can write come first, so that no
+// other user can create or lock it; /tmp is the last resort.
+constexpr const char* kInstanceLockDirs[] = {"/run", "/var/run", "/tmp"};
+constexpr const char* kInstanceLockName = "PPLCounter.lock";
+// Largest status file the service reads back (its own is a few hundred
+// bytes); anything bigger at that path is not its file.
+constexpr long kStatusIniMaxBytes = 64 * 1024;
+// Modes of what the service creates in /tmp, whatever umask it inherits:
+// the status file is for every reader, the command socket for root and the
+// service's group.
+constexpr unsigned int kStatusIniMode = 0644;
+constexpr unsigned int kCommandSocketMode = 0660;
 // 601 (0x259) is the queue the service owns and reads; 259 (decimal) the
 // other module's queue it writes. Both values are exactly as they are.
 constexpr int kEventInKey = 601;

@@ -93,34 +93,6 @@ void PPLCounter::Stop() {
     running = false;
 }
 
-bool PPLCounter::Init() {
-    event_in = new NEventMQ(where.event_in_key, true);
-    {
-        std::lock_guard<std::mutex> guard(event_out_lock);
-        event_out = new NEventMQ(where.event_out_key, false);
-    }
-    command = new NTextCommand(where.command_path.c_str(), nullptr);
-    return event_in != nullptr && event_out != nullptr && command != nullptr;
-}
-
-void PPLCounter::Deinit() {
-    {
-        // Workers may be sending a count event right now; they see the
-        // endpoint gone instead of a deleted one.
-        std::lock_guard<std::mutex> guard(event_out_lock);
-        delete event_out;
-        event_out = nullptr;
-    }
-    delete command;
-    delete event_in;
-    if (use_3dpc != 0) {
-        counter_3dpc->stop();
-    } else {
-        for (UBrand_PPL_Counter* counter : lapi_counters)
-            counter->stop();
-    }
-}
-
 uint64_t PPLCounter::GetTime() {
     struct timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);

@@ -59,7 +59,8 @@ public:
     void Start();
     // Marks the loop to end after its current pass.
     void Stop();
-    // Creates the three endpoints; false when any is missing.
+    // Creates the three endpoints; false when any is missing, or when the
+    // command socket's path holds something other than a socket.
     bool Init();
     // Deletes the endpoints and stops the counters of the camera kind in use.
     void Deinit();
@@ -142,9 +143,16 @@ protected:
     PPLCounterSettings where;
     std::mutex alarm_lock;      // latches and limits, one callback at a time
     std::mutex event_out_lock;  // event_out against its deletion in Deinit
+    // Why the status file's path was last not read ("" while it is the
+    // service's own file), so that a hostile path is reported once.
+    std::string status_refusal;
 
 private:
     void RunPass(char* reply, char* event);
+    void ClaimEventQueue();
+    NTextCommand* OpenCommandSocket();
+    void LoadSystemIni(SAttr& ini);
+    void LoadStatus(SAttr& status);
     bool ReloadConfiguration();
     void PollCommand(char* reply);
     void PollEvent(char* event);

@@ -1,9 +1,15 @@
 // Service and camera configuration from the system configuration file.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstring>
 #include <iostream>
 
 #include "PPLCounter.h"
 #include "SAttr.h"
+#include "ShowLog.h"
 #include "Tarn_3DPC_Counter.h"
 #include "UBrand_PPL_Counter.h"
 
@@ -55,11 +61,29 @@ UBrand_PPL_Counter* PPLCounter::LapiCounter(long camera) {
     return lapi_counters[camera];
 }
 
+// The system configuration is the whole recorder's: every other module's
+// keys are in it too. It is created, empty, only where there is none. A file
+// that exists but cannot be loaded (another module rewriting it, unreadable,
+// too big) is never written: it is tried once more, then the pass reads as
+// every key missing.
+void PPLCounter::LoadSystemIni(SAttr& ini) {
+    const char* path = where.system_ini.c_str();
+    if (ini.LoadFile(path))
+        return;
+    struct stat st;
+    if (lstat(path, &st) != 0 && errno == ENOENT) {
+        int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+        if (fd >= 0)
+            close(fd);
+        return;
+    }
+    if (!ini.LoadFile(path))
+        ShowLog("PPLCounter::ReadIni(), %s cannot be loaded; read as empty, left as it is\n", path);
+}
+
 bool PPLCounter::ReadIni() {
     SAttr ini('=', "\r\n", "\n", nullptr);
-    if (!ini.LoadFile(where.system_ini.c_str())) {
-        ini.SaveFile(where.system_ini.c_str(), true, true);
-    }
+    LoadSystemIni(ini);
     lapi_cam_mask = 0;
 
     group_num = ini.GetUIntValue("SERV_PPL_NUM", 10);

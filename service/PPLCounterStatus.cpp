@@ -1,6 +1,8 @@
 // The status file (live state, about once a second) and the record file.
+#include "OwnedFile.h"
 #include "PPLCounter.h"
 #include "SAttr.h"
+#include "ShowLog.h"
 #include "Tarn_3DPC_Counter.h"
 #include "UBrand_PPL_Counter.h"
 #include "UFile.h"
@@ -49,10 +51,26 @@ void PPLCounter::CameraStates(PPL_Counter_Group* group, const char*& in_state,
     }
 }
 
+// Keys others put in the file are kept, but only from a file that is the
+// service's own: whatever else is at the path reads as no file, is said
+// once, and is replaced by the next write.
+void PPLCounter::LoadStatus(SAttr& status) {
+    std::string text;
+    std::string why;
+    OwnedFile::Read read = OwnedFile::Load(where.status_ini, ppl::kStatusIniMaxBytes, &text, &why);
+    if (read == OwnedFile::Read::Ok)
+        status.LoadMemory(text.c_str());
+    if (read != OwnedFile::Read::Refused)
+        why.clear();
+    if (!why.empty() && why != status_refusal)
+        ShowLog("PPLCounter::UpdateStatus(), ignoring %s: %s\n", where.status_ini.c_str(),
+                why.c_str());
+    status_refusal = why;
+}
+
 void PPLCounter::UpdateStatus() {
     SAttr status('=', "\r\n", "\n", where.status_ini.c_str());
-    if (UFile::Exist(where.status_ini.c_str()))
-        status.LoadFile(nullptr);
+    LoadStatus(status);
     for (uint32_t g = 0; g < group_num; ++g) {
         PPL_Counter_Group* group = groups[g];
         status.SetIntValue("PPL.Enable", enable, 10);
@@ -83,7 +101,11 @@ void PPLCounter::UpdateStatus() {
         status.SetKeyValue(ComposeKey(status_key_stream, "PPL.Out", g, ".Status").c_str(),
                            out_state);
     }
-    status.SaveFile(nullptr, true, true);
+    // Replaced whole, never rewritten in place: a reader never sees half a
+    // file, and nothing at the path is written through.
+    std::string text;
+    status.SaveMemory(text, true, true);
+    OwnedFile::Replace(where.status_ini, text, ppl::kStatusIniMode);
 }
 
 // Kept ready for use; the service itself never calls it.

@@ -189,7 +189,7 @@ TEST_F(LapiService, SecondInstanceExitsAtOnceAndTheFirstKeepsServing) {
     ASSERT_TRUE(WIFEXITED(second.ExitStatus()));
     EXPECT_EQ(WEXITSTATUS(second.ExitStatus()), 1);
     EXPECT_EQ(second.Stderr(),
-              "pplcounter: another pplcounter is already running (/tmp/PPLCounter.lock is "
+              "pplcounter: another pplcounter is already running (/run/PPLCounter.lock is "
               "locked)\n");
     EXPECT_EQ(second.Stdout(), "");
 

@@ -82,8 +82,9 @@ bool BringLoopbackUp(std::string* why) {
     return ok;
 }
 
-bool MountTmpfs(const char* onto, std::string* why) {
-    if (mount("tmpfs", onto, "tmpfs", MS_NOSUID | MS_NODEV, "size=256m,mode=1777") != 0) {
+bool MountTmpfs(const char* onto, const char* mode, std::string* why) {
+    std::string options = std::string("size=256m,mode=") + mode;
+    if (mount("tmpfs", onto, "tmpfs", MS_NOSUID | MS_NODEV, options.c_str()) != 0) {
         *why = ErrnoText((std::string("mount tmpfs on ") + onto).c_str());
         return false;
     }
@@ -170,7 +171,9 @@ bool EnterSandbox(std::string* why) {
         return false;
     }
     ReopenBuildTree();
-    if (!MountTmpfs("/opt", why) || !MountTmpfs("/tmp", why))
+    // /run holds the instance lock, which would otherwise be the host's.
+    if (!MountTmpfs("/opt", "1777", why) || !MountTmpfs("/tmp", "1777", why) ||
+        !MountTmpfs("/run", "0755", why))
         return false;
     // Keep the service's syslog lines off the host's logger (they are
     // copied to standard error anyway).

@@ -12,7 +12,7 @@ namespace ppltest {
 
 // Moves the calling process, which must still be single-threaded, into
 // private IPC, mount and network namespaces (with a user namespace when not
-// root), mounts fresh tmpfs on /tmp and /opt, creates /opt/user/ZV318/INIT
+// root), mounts fresh tmpfs on /tmp, /opt and /run, creates /opt/user/ZV318/INIT
 // and brings loopback up. The service's fixed paths and queue keys then
 // belong to this process alone, and nothing is left behind when it ends.
 // Returns false with a reason when the kernel does not allow it.

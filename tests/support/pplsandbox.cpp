@@ -3,7 +3,7 @@
 //
 //   pplsandbox [--] COMMAND [ARG...]
 //       Runs COMMAND in private IPC, mount and network namespaces with fresh
-//       tmpfs on /tmp and /opt, /opt/user/ZV318/INIT made and loopback up.
+//       tmpfs on /tmp, /opt and /run, /opt/user/ZV318/INIT made and loopback up.
 //       PPL_BUILD names the build tree (usable under the covered /tmp) and
 //       LD_LIBRARY_PATH points there for the client libraries.
 //   pplsandbox --config IN_PORT OUT_PORT [KEY=VALUE...]

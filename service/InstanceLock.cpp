@@ -1,0 +1,74 @@
+#include "InstanceLock.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <iterator>
+
+#include "OwnedFile.h"
+#include "PPLConstants.h"
+#include "ULog.h"
+
+InstanceLock::~InstanceLock() {
+    if (fd_ >= 0)
+        close(fd_);
+}
+
+std::string InstanceLock::PathIn(const std::vector<std::string>& dirs) {
+    std::string chosen = ".";
+    for (const std::string& dir : dirs) {
+        chosen = dir;
+        struct stat st;
+        if (stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode) &&
+            access(dir.c_str(), W_OK | X_OK) == 0)
+            break;
+    }
+    return chosen + "/" + ppl::kInstanceLockName;
+}
+
+std::string InstanceLock::Path() {
+    return PathIn({std::begin(ppl::kInstanceLockDirs), std::end(ppl::kInstanceLockDirs)});
+}
+
+bool InstanceLock::Take(const std::string& path, std::string* why) {
+    // Non-blocking, so that a FIFO put at the path cannot hold the open.
+    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        *why = "cannot open the instance lock " + path + ": " + UError::Text(errno);
+        return false;
+    }
+    struct stat st;
+    std::string not_own = fstat(fd, &st) == 0 ? OwnedFile::WhyNotOwn(st) : UError::Text(errno);
+    // A file left 0644 by an older version could be opened, and locked, by
+    // anyone: from now on only this user opens it.
+    if (not_own.empty() && (st.st_mode & 07777) != 0600 && fchmod(fd, 0600) != 0)
+        not_own = "its mode cannot be set: " + UError::Text(errno);
+    if (!not_own.empty()) {
+        *why = "refusing the instance lock " + path + ": " + not_own;
+        close(fd);
+        return false;
+    }
+    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        int err = errno;
+        *why = err == EWOULDBLOCK ? "another pplcounter is already running (" + path + " is locked)"
+                                  : "cannot lock " + path + ": " + UError::Text(err);
+        close(fd);
+        return false;
+    }
+    if (fd_ >= 0)
+        close(fd_);
+    fd_ = fd;
+    return true;
+}
+
+bool InstanceLock::IsHeld(const std::string& path) {
+    int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    bool held = flock(fd, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    close(fd);
+    return held;
+}

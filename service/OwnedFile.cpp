@@ -1,0 +1,143 @@
+#include "OwnedFile.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <vector>
+
+#include "ULog.h"
+
+namespace {
+
+// Closes a descriptor on every way out.
+class Descriptor {
+public:
+    explicit Descriptor(int fd) : fd_(fd) {}
+    virtual ~Descriptor() {
+        if (fd_ >= 0)
+            close(fd_);
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int get() const { return fd_; }
+
+private:
+    int fd_;
+};
+
+bool WriteAll(int fd, const std::string& text) {
+    size_t done = 0;
+    while (done < text.size()) {
+        ssize_t n = write(fd, text.data() + done, text.size() - done);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return false;
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// At most max_bytes + 1 bytes, so that a file that grew past the limit
+// since it was looked at is noticed.
+bool ReadUpTo(int fd, long max_bytes, std::string* text) {
+    std::vector<char> buffer(static_cast<size_t>(max_bytes) + 1);
+    size_t got = 0;
+    while (got < buffer.size()) {
+        ssize_t n = read(fd, buffer.data() + got, buffer.size() - got);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return false;
+        if (n == 0)
+            break;
+        got += static_cast<size_t>(n);
+    }
+    text->assign(buffer.data(), got);
+    return true;
+}
+
+}  // namespace
+
+const char* OwnedFile::Kind(mode_t mode) {
+    switch (mode & S_IFMT) {
+        case S_IFREG:
+            return "a regular file";
+        case S_IFDIR:
+            return "a directory";
+        case S_IFLNK:
+            return "a symbolic link";
+        case S_IFIFO:
+            return "a FIFO";
+        case S_IFSOCK:
+            return "a socket";
+        default:
+            return "a device";
+    }
+}
+
+std::string OwnedFile::WhyNotOwn(const struct stat& st) {
+    if (!S_ISREG(st.st_mode))
+        return Kind(st.st_mode);
+    if (st.st_uid != geteuid())
+        return "owned by user " + std::to_string(st.st_uid);
+    if (st.st_nlink != 1)
+        return std::to_string(st.st_nlink) + " links to one file";
+    return "";
+}
+
+OwnedFile::Read OwnedFile::Load(const std::string& path, long max_bytes, std::string* text,
+                                std::string* why) {
+    text->clear();
+    // Non-blocking: opening a FIFO for reading must not wait for a writer.
+    Descriptor fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (fd.get() < 0) {
+        int err = errno;
+        if (err == ENOENT)
+            return Read::Missing;
+        *why = err == ELOOP ? "a symbolic link" : "cannot be opened: " + UError::Text(err);
+        return Read::Refused;
+    }
+    struct stat st;
+    if (fstat(fd.get(), &st) != 0) {
+        *why = "cannot be examined: " + UError::Text(errno);
+        return Read::Refused;
+    }
+    *why = WhyNotOwn(st);
+    if (why->empty() && st.st_size >= max_bytes)
+        *why = std::to_string(static_cast<long long>(st.st_size)) + " bytes, over the limit of " +
+               std::to_string(max_bytes);
+    if (!why->empty())
+        return Read::Refused;
+    if (!ReadUpTo(fd.get(), max_bytes, text)) {
+        *why = "cannot be read: " + UError::Text(errno);
+        return Read::Refused;
+    }
+    if (static_cast<long>(text->size()) >= max_bytes) {
+        text->clear();
+        *why = "grew over the limit of " + std::to_string(max_bytes) + " bytes";
+        return Read::Refused;
+    }
+    return Read::Ok;
+}
+
+bool OwnedFile::Replace(const std::string& path, const std::string& text, mode_t mode) {
+    // Beside path, so that the rename stays within one file system.
+    std::vector<char> temp(path.begin(), path.end());
+    const std::string suffix = ".XXXXXX";
+    temp.insert(temp.end(), suffix.begin(), suffix.end());
+    temp.push_back('\0');
+    // mkostemp creates exclusively: whatever another user put at that name
+    // makes it pick another, never open theirs.
+    Descriptor fd(mkostemp(temp.data(), O_CLOEXEC));
+    if (fd.get() < 0)
+        return false;
+    // The mode is set on the descriptor, not left to the umask.
+    bool ok = fchmod(fd.get(), mode) == 0 && WriteAll(fd.get(), text) &&
+              rename(temp.data(), path.c_str()) == 0;
+    if (!ok)
+        unlink(temp.data());
+    return ok;
+}
