@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -41,22 +42,49 @@ int tarnu_socket_set_blocking_mode(int fd, int blocking) {
     return fcntl(fd, F_SETFL, flags) == 0 ? 1 : 0;
 }
 
-// With a wake descriptor, waits as long as the socket's receive time-out
-// would for fd to become readable; a readable wake_fd ends the wait
-// (ECANCELED). Without one, recv does the waiting itself.
-bool wait_readable(int fd, int wake_fd) {
-    if (wake_fd < 0)
+// Where a read waits: the socket, the wake descriptor whose readability
+// abandons the wait at once (ECANCELED), and, for the subscription answer,
+// the moment by which the whole of it must have arrived (ETIMEDOUT after),
+// however slowly its bytes come.
+struct Reader {
+    int fd;
+    int wake_fd;
+    bool has_deadline;
+    std::chrono::steady_clock::time_point deadline;
+};
+
+Reader reader_for(int fd, int wake_fd) {
+    return Reader{fd, wake_fd, false, std::chrono::steady_clock::time_point()};
+}
+
+// Milliseconds left before the reader's deadline, never negative.
+int ms_left(const Reader& r) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        r.deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0)
+        return 0;
+    return left.count() > INT_MAX ? INT_MAX : static_cast<int>(left.count());
+}
+
+// Waits as long as the socket's receive time-out would, and never past the
+// deadline, for the socket to become readable. Without a wake descriptor or
+// a deadline, recv does the waiting itself.
+bool wait_readable(const Reader& r) {
+    if (r.wake_fd < 0 && !r.has_deadline)
         return true;
     timeval tv = {0, 0};
     socklen_t len = sizeof(tv);
     int ms = -1;
-    if (getsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, &len) == 0 && UWait::Ms(tv) > 0)
+    if (getsockopt(r.fd, SOL_SOCKET, SO_RCVTIMEO, &tv, &len) == 0 && UWait::Ms(tv) > 0)
         ms = UWait::Ms(tv);
-    switch (UWait::Until(fd, POLLIN, {wake_fd}, ms)) {
+    bool deadline_first = r.has_deadline && (ms < 0 || ms_left(r) < ms);
+    if (deadline_first)
+        ms = ms_left(r);
+    switch (UWait::Until(r.fd, POLLIN, {r.wake_fd}, ms)) {
         case UWaitResult::Ready:
             return true;
         case UWaitResult::TimedOut:
-            errno = EAGAIN;
+            errno = deadline_first ? ETIMEDOUT : EAGAIN;
             return false;
         case UWaitResult::Woken:
             errno = ECANCELED;
@@ -67,22 +95,22 @@ bool wait_readable(int fd, int wake_fd) {
 }
 
 // Takes what is there at once; only when nothing is, waits as above.
-ssize_t recv_some(int fd, char* buf, size_t len, int wake_fd) {
-    if (wake_fd >= 0) {
-        ssize_t n = recv(fd, buf, len, MSG_DONTWAIT);
+ssize_t recv_some(const Reader& r, char* buf, size_t len) {
+    if (r.wake_fd >= 0 || r.has_deadline) {
+        ssize_t n = recv(r.fd, buf, len, MSG_DONTWAIT);
         if (n >= 0 || (errno != EAGAIN && errno != EWOULDBLOCK))
             return n;
     }
-    if (!wait_readable(fd, wake_fd))
+    if (!wait_readable(r))
         return -1;
-    return recv(fd, buf, len, 0);
+    return recv(r.fd, buf, len, 0);
 }
 
 // Reads one line, one byte per recv, line end included; returns its length
 // without the LF (-1 when the peer closed before a byte), or a negative
 // value on error. Callers give zeroed buffers of kLineBufferSize bytes; a
 // line that would not fit with its terminating zero fails (EMSGSIZE).
-int tarnu_socket_recv_line(int fd, char* buf, int wake_fd) {
+int tarnu_socket_recv_line(const Reader& r, char* buf) {
     int count = 0;
     while (true) {
         if (count >= IPCVA_MAX_LINE) {
@@ -90,7 +118,7 @@ int tarnu_socket_recv_line(int fd, char* buf, int wake_fd) {
             return -1;
         }
         char c = 0;
-        ssize_t got = recv_some(fd, &c, 1, wake_fd);
+        ssize_t got = recv_some(r, &c, 1);
         if (got < 0)
             return static_cast<int>(got);
         if (got == 0) {
@@ -105,10 +133,10 @@ int tarnu_socket_recv_line(int fd, char* buf, int wake_fd) {
 }
 
 // Reads exactly length bytes (fewer if the peer closes); -1 on error.
-long recv_body(int fd, char* body, long length, int wake_fd) {
+long recv_body(const Reader& r, char* body, long length) {
     long got = 0;
     while (got < length) {
-        ssize_t n = recv_some(fd, body + got, static_cast<size_t>(length - got), wake_fd);
+        ssize_t n = recv_some(r, body + got, static_cast<size_t>(length - got));
         if (n < 0)
             return -1;
         if (n == 0)
@@ -165,10 +193,10 @@ bool send_subscription(int fd, const std::string& ip) {
     return sent == length;
 }
 
-bool read_status_line(int fd, int wake_fd) {
+bool read_status_line(const Reader& r) {
     char line[kLineBufferSize];
     memset(line, 0, sizeof(line));
-    if (tarnu_socket_recv_line(fd, line, wake_fd) < 0) {
+    if (tarnu_socket_recv_line(r, line) < 0) {
         // Abandoned by the caller (stopping), not a fault of the camera.
         if (errno == ECANCELED)
             return false;
@@ -184,7 +212,7 @@ bool read_status_line(int fd, int wake_fd) {
 
 // Reads the answer's header lines up to the empty line; the last
 // Content-Length wins. False on a read failure.
-bool read_answer_headers(int fd, int wake_fd, long* content_length) {
+bool read_answer_headers(const Reader& r, long* content_length) {
     *content_length = 0;
     for (int lines = 0; lines < kMaxAnswerLines; ++lines) {
         char line[kLineBufferSize];
@@ -193,7 +221,7 @@ bool read_answer_headers(int fd, int wake_fd, long* content_length) {
         memset(line, 0, sizeof(line));
         memset(first, 0, sizeof(first));
         memset(second, 0, sizeof(second));
-        if (tarnu_socket_recv_line(fd, line, wake_fd) < 0)
+        if (tarnu_socket_recv_line(r, line) < 0)
             return false;
         if (strcmp(line, "\r\n") == 0)
             return true;
@@ -211,10 +239,14 @@ bool read_answer_headers(int fd, int wake_fd, long* content_length) {
     return false;
 }
 
-// The answer must be a 200 with a body, read whole; its content is not used.
-bool read_subscription_answer(int fd, int wake_fd) {
+// The answer must be a 200 with a body, read whole within the receive
+// time-out of the request; its content is not used.
+bool read_subscription_answer(int fd, const IPCVA_WAITS& waits) {
+    Reader r = reader_for(fd, waits.wake_fd);
+    r.has_deadline = true;
+    r.deadline = std::chrono::steady_clock::now() + std::chrono::seconds(waits.recv_timeout_s);
     long content_length = 0;
-    if (!read_status_line(fd, wake_fd) || !read_answer_headers(fd, wake_fd, &content_length)) {
+    if (!read_status_line(r) || !read_answer_headers(r, &content_length)) {
         return false;
     }
     if (content_length <= 0)
@@ -225,7 +257,7 @@ bool read_subscription_answer(int fd, int wake_fd) {
     }
     char body[kBodyBufferSize];
     memset(body, 0, sizeof(body));
-    return recv_body(fd, body, content_length, wake_fd) == content_length;
+    return recv_body(r, body, content_length) == content_length;
 }
 
 // Lends a context the zeroed head buffer of its thread. Each worker thread
@@ -306,7 +338,7 @@ int ipcva_connect(std::string ip, unsigned short port, unsigned timeout_ms,
         !set_connection_options(fd, waits.recv_timeout_s)) {
         return close_keeping_errno(fd);
     }
-    if (!send_subscription(fd, ip) || !read_subscription_answer(fd, waits.wake_fd)) {
+    if (!send_subscription(fd, ip) || !read_subscription_answer(fd, waits)) {
         return close_keeping_errno(fd);
     }
     fprintf(stderr, "%s(): Subscribed to ppl event\n", "ipcva_connect");
@@ -333,7 +365,7 @@ int ipcva_recv_msg(int fd, std::string& msg, const timeval& wait, int wake_fd) {
     }
     char body[kBodyBufferSize];
     memset(body, 0, sizeof(body));
-    if (recv_body(fd, body, length, wake_fd) != length)
+    if (recv_body(reader_for(fd, wake_fd), body, length) != length)
         return -1;
     msg.assign(body);
     return static_cast<int>(msg.length());

@@ -32,8 +32,10 @@ struct IPCVA_WAITS {
 // when the wait ran out, ECANCELED when wake_fd became readable).
 int socketConnect(int fd, sockaddr* addr, unsigned addrlen, long timeout_ms, int wake_fd = -1);
 
-// Connects to ip:port and subscribes to counting events. Returns the
-// connected, subscribed descriptor, or -1 (the socket it made is closed).
+// Connects to ip:port and subscribes to counting events. The whole answer
+// must arrive within the receive time-out of the request, however slowly
+// its bytes trickle (errno ETIMEDOUT after). Returns the connected,
+// subscribed descriptor, or -1 (the socket it made is closed).
 int ipcva_connect(std::string ip, unsigned short port, unsigned timeout_ms,
                   const IPCVA_WAITS& waits = IPCVA_WAITS());
 

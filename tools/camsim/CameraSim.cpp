@@ -73,10 +73,25 @@ void Camera::AnswerSubscription(const Request& req, Exchange& ex) {
             break;
         case Subscribe::Silent:
             break;
+        case Subscribe::Trickle:
+            if (Trickle(ok_head + "Content-Length: 2\r\n\r\n{}", ex))
+                ex.KeepForEvents();
+            break;
         case Subscribe::CloseAtOnce:
             ex.CloseAfter();
             break;
     }
+}
+
+bool Camera::Trickle(const std::string& bytes, Exchange& ex) {
+    for (char byte : bytes) {
+        if (!ex.Send(std::string(1, byte)))
+            return false;
+        std::unique_lock<std::mutex> guard(lock_);
+        if (changed_.wait_for(guard, std::chrono::seconds(1), [this] { return stopping_; }))
+            return false;
+    }
+    return true;
 }
 
 Totals Camera::GetTotals() {

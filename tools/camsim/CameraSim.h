@@ -75,6 +75,7 @@ enum class Subscribe {
     CloseMidHead,    // half a status line, then close
     Garbage,         // binary bytes, then close
     Silent,          // never answers, keeps the connection open
+    Trickle,         // a correct 200 answer, one byte a second
     CloseAtOnce,     // closes without a byte
 };
 
@@ -176,6 +177,9 @@ private:
     bool ReadRequest(Conn& conn, std::string& pending, Request& req);
     Handler FindRoute(const Request& req);
     void AnswerSubscription(const Request& req, Exchange& ex);
+    // Sends bytes one at a time, a second apart; false once the connection
+    // or the camera is gone.
+    bool Trickle(const std::string& bytes, Exchange& ex);
     void WalkLoop(double people_per_min, uint32_t seed);
     void ReapFinished();
     void Wake();

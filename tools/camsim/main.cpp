@@ -42,6 +42,7 @@ const std::map<std::string, camsim::Subscribe>& SubscribeModes() {
         {"midhead", camsim::Subscribe::CloseMidHead},
         {"garbage", camsim::Subscribe::Garbage},
         {"silent", camsim::Subscribe::Silent},
+        {"trickle", camsim::Subscribe::Trickle},
         {"close", camsim::Subscribe::CloseAtOnce},
     };
     return modes;
