@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # The installed init script as a recorder runs it: BusyBox sh with only BusyBox
 # applets on PATH, in private namespaces, starting the installed binary beside
-# it. Start, status, a killed service started again, a log kept under its cap
-# while cameras send events fast, and stop.
+# it. Process id files naming an unrelated live process, a log path that is a
+# link, start, status, a killed service started again, a log kept under its
+# cap while cameras send events fast, stop, and stop of a service that
+# ignores SIGTERM.
 # Usage: initscript_test.sh SOURCE_DIR BUILD_DIR
 set -euo pipefail
 src=$1 build=$2
@@ -54,11 +56,34 @@ wait_for() {
 service_pid() { cat /tmp/run/pplcounter.child.pid 2>/dev/null; }
 alive() { [ -n "$(service_pid)" ] && kill -0 "$(service_pid)" 2>/dev/null; }
 
+# Gone, or a zombie that nobody has reaped yet.
+ended() {
+    local state
+    state=$(sed -n 's/^State:[[:space:]]*\(.\).*/\1/p' "/proc/$1/status" 2>/dev/null)
+    [ -z "$state" ] || [ "$state" = Z ]
+}
 # The supervisor's child is a shell until it has exec'd the service.
 runs_binary() { [ "$(readlink "/proc/$(service_pid)/exe")" = /mnt/ppl/sbin/pplcounter ]; }
 
-sim=""
-trap 'kill "$sim" 2>/dev/null; initd stop >/dev/null 2>&1 || true' EXIT
+sim="" other=""
+trap 'kill "$sim" "$other" 2>/dev/null; initd stop >/dev/null 2>&1 || true' EXIT
+
+# Left from before a reboot: the files name a process id that now belongs to
+# an unrelated program (BusyBox, like the supervisor's shell).
+/tmp/bb/sleep 600 &
+other=$!
+stale() { echo "$other" >/tmp/run/pplcounter.pid; echo "$other" >/tmp/run/pplcounter.child.pid; }
+stale
+[ "$(initd status)" = "pplcounter is not running" ] || fail "status with stale process id files"
+[ "$(initd stop)" = "pplcounter is not running" ] || fail "stop with stale process id files"
+kill -0 "$other" || fail "stop killed the unrelated process"
+stale
+
+ln -s /tmp/log/elsewhere /tmp/log/pplcounter.log
+[ "$(initd start 2>&1)" = "pplcounter: refusing the log /tmp/log/pplcounter.log: it is a symbolic link" ] ||
+    fail "a log path that is a link was not refused"
+[ ! -e /tmp/log/elsewhere ] || fail "the link's target was created"
+rm /tmp/log/pplcounter.log
 
 [ "$(initd start)" = "pplcounter started" ] || fail "start"
 wait_for 50 alive || fail "the service did not start"
@@ -109,6 +134,26 @@ last=$(service_pid) supervisor=$(cat /tmp/run/pplcounter.pid)
 [ "$(initd stop)" = "pplcounter stopped" ] || fail "stop"
 initd status >/dev/null && fail "status after stop"
 # Other tests may run services of their own: only these two must be gone.
-! kill -0 "$last" 2>/dev/null || fail "the service still runs after stop"
-! kill -0 "$supervisor" 2>/dev/null || fail "the supervisor still runs after stop"
+ended "$last" || fail "the service still runs after stop"
+ended "$supervisor" || fail "the supervisor still runs after stop"
+
+# A service that does not end on SIGTERM (stopped here) gets SIGKILL after
+# the grace period; the process id file stays until it has ended.
+[ "$(initd start)" = "pplcounter started" ] || fail "start after stop"
+wait_for 50 runs_binary || fail "the service did not start again"
+last=$(service_pid)
+kill -STOP "$last"
+initd stop >/tmp/stop.out &
+stopper=$!
+while kill -0 "$stopper" 2>/dev/null; do
+    # The file is looked at first: once it is gone the service must be too.
+    if [ ! -f /tmp/run/pplcounter.pid ] && ! ended "$last"; then
+        fail "the process id file went while the service still ran"
+    fi
+    sleep 0.1
+done
+wait "$stopper" || fail "stop of a stopped service failed: $(cat /tmp/stop.out)"
+[ "$(cat /tmp/stop.out)" = "pplcounter stopped" ] || fail "stop: $(cat /tmp/stop.out)"
+ended "$last" || fail "SIGKILL did not follow"
+kill -0 "$other" || fail "an unrelated process was killed"
 echo PASS
