@@ -1,5 +1,6 @@
 // Cameras that refuse, reject, break off, send nonsense, fall silent or
 // restart: the service keeps answering and counts right once they behave.
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -47,6 +48,25 @@ TEST_F(FaultTest, AnUnansweredSubscriptionEndsAtItsTimeOutWhileCommandsAreAnswer
     in_cam_->Walk(2, 0);
     EXPECT_TRUE(h_->WaitEvent(ExpectedCountEvent()));
     ASSERT_NO_FATAL_FAILURE(ExpectAlive("an unanswered subscription"));
+    ExpectCleanStop();
+}
+
+// A correct answer trickling in a byte a second never lets one read wait
+// out the receive time-out; the answer as a whole has those 10 s from the
+// request, then the worker gives up and asks again (after its 2 s pause).
+TEST_F(FaultTest, ASubscriptionAnswerTricklingInIsGivenUpAfterTenSecondsAndRetried) {
+    in_cam_->SetSubscribe(Subscribe::Trickle);
+    ASSERT_TRUE(h_->StartService());
+    ASSERT_TRUE(in_cam_->WaitForRequests(1, 5000));
+    const auto asked = std::chrono::steady_clock::now();
+    EXPECT_TRUE(ServiceStatusBecomes("reply=success&in0=disconnect&out0=connect"));
+    ASSERT_TRUE(WaitFor(30000, [&] { return Subscriptions(*in_cam_) >= 2; }));
+    const auto again = std::chrono::steady_clock::now() - asked;
+    EXPECT_GE(again, std::chrono::milliseconds(11500)) << "given up before its 10 s";
+    EXPECT_LE(again, std::chrono::milliseconds(16000)) << "not given up at 10 s";
+    EXPECT_NE(h_->Stderr().find("connect is failed, errno:110"), std::string::npos)
+        << Excerpt(h_->Stderr());
+    ASSERT_NO_FATAL_FAILURE(ExpectAlive("a trickling subscription answer"));
     ExpectCleanStop();
 }
 

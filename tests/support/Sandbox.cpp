@@ -211,13 +211,21 @@ Child::~Child() {
     }
 }
 
-bool Child::Start(const std::vector<std::string>& argv, const std::string& dir) {
+bool Child::Start(const std::vector<std::string>& argv, const std::string& dir,
+                  const std::vector<std::string>& wrapper) {
     static int serial = 0;
     std::string tag = std::to_string(getpid()) + "-" + std::to_string(++serial);
     out_path_ = dir + "/child-" + tag + ".out";
     err_path_ = dir + "/child-" + tag + ".err";
-    std::vector<char*> args = ExecArgs(argv);
     std::vector<std::string> emulated = ThroughEmulator(argv);
+    std::vector<std::string> wrapped = wrapper;
+    if (!wrapper.empty()) {
+        // The wrapper cannot fall back to the emulator itself.
+        const std::vector<std::string>& program = emulated.empty() ? argv : emulated;
+        wrapped.insert(wrapped.end(), program.begin(), program.end());
+        emulated.clear();
+    }
+    std::vector<char*> args = ExecArgs(wrapper.empty() ? argv : wrapped);
     std::vector<char*> emulated_args = ExecArgs(emulated);
     std::vector<std::string> environment = ChildEnvironment(argv.empty() ? "" : argv[0]);
     std::vector<char*> envp = ExecArgs(environment);

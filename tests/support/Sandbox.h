@@ -51,7 +51,10 @@ public:
     Child& operator=(const Child&) = delete;
 
     // Starts argv[0] (a path) with the arguments; output goes to files in dir.
-    bool Start(const std::vector<std::string>& argv, const std::string& dir);
+    // A wrapper (a host program that execs the rest, such as setpriv) goes
+    // first; a target program then runs through the tests' emulator.
+    bool Start(const std::vector<std::string>& argv, const std::string& dir,
+               const std::vector<std::string>& wrapper = {});
     bool Running();
     bool Signal(int sig);
     // Waits up to timeout_ms for the exit; returns false on time-out.

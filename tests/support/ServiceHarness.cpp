@@ -24,8 +24,8 @@ void ServiceHarness::WriteConfig(const std::map<std::string, std::string>& keys)
     WriteWholeFile(kSystemIni, ConfigText(keys));
 }
 
-bool ServiceHarness::StartService() {
-    return service_.Start({BuiltFile("pplcounter")}, "/tmp");
+bool ServiceHarness::StartService(const std::vector<std::string>& wrapper) {
+    return service_.Start({BuiltFile("pplcounter")}, "/tmp", wrapper);
 }
 
 int ServiceHarness::StopService(int sig, int timeout_ms) {

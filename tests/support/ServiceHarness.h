@@ -24,7 +24,8 @@ public:
     static const char* kStatusIni;
 
     void WriteConfig(const std::map<std::string, std::string>& keys);
-    bool StartService();
+    // Starts the service; a wrapper (setpriv and its options, say) runs it.
+    bool StartService(const std::vector<std::string>& wrapper = {});
     // Sends SIGTERM/SIGINT and waits; returns the exit status or -1.
     int StopService(int sig, int timeout_ms = 3000);
     Child& Service() { return service_; }
