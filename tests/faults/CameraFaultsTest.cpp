@@ -62,7 +62,7 @@ TEST_F(FaultTest, ASubscriptionAnswerTricklingInIsGivenUpAfterTenSecondsAndRetri
     EXPECT_TRUE(ServiceStatusBecomes("reply=success&in0=disconnect&out0=connect"));
     ASSERT_TRUE(WaitFor(30000, [&] { return Subscriptions(*in_cam_) >= 2; }));
     const auto again = std::chrono::steady_clock::now() - asked;
-    EXPECT_GE(again, std::chrono::milliseconds(11500)) << "given up before its 10 s";
+    EXPECT_GE(again, std::chrono::seconds(10)) << "given up long before its 10 s";
     EXPECT_LE(again, std::chrono::milliseconds(16000)) << "not given up at 10 s";
     EXPECT_NE(h_->Stderr().find("connect is failed, errno:110"), std::string::npos)
         << Excerpt(h_->Stderr());
