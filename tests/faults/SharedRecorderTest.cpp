@@ -235,7 +235,8 @@ TEST_F(SharedRecorderTest, AnotherUsersLockAtTheOldPathAndQueue601DoNotStopTheSe
 }
 
 // A path holding anything but a socket ends the start-up as any endpoint
-// that cannot be made does; a socket left by a killed service is replaced.
+// that cannot be made does; a socket left by a killed service is replaced,
+// and its queue 601 taken over as it is.
 TEST_F(SharedRecorderTest, ACommandSocketPathThatIsNoSocketIsRefused) {
     for (const std::string& plant : {std::string("mkdir "), std::string("touch ")}) {
         ASSERT_TRUE(OtherUserRuns(plant + kSocketPath));
@@ -254,7 +255,8 @@ TEST_F(SharedRecorderTest, ACommandSocketPathThatIsNoSocketIsRefused) {
     ASSERT_EQ(lstat(kSocketPath, &st), 0);
     EXPECT_TRUE(S_ISSOCK(st.st_mode) && st.st_uid == 0);
     EXPECT_EQ(st.st_mode & 07777, 0660u) << "whatever the umask";
-    ASSERT_NO_FATAL_FAILURE(ExpectAlive("a stale socket"));
+    EXPECT_EQ(h_->Stderr().find("queue 601"), std::string::npos) << "the killed one's is adopted";
+    ASSERT_NO_FATAL_FAILURE(ExpectAlive("a stale socket and queue"));
     ExpectCleanStop();
 }
 
