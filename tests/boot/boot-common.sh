@@ -1,0 +1,40 @@
+# Sourced by the boot tests' host scripts. A boot test passes only on the
+# verdict line its guest prints; an exit status of systemd-nspawn or QEMU
+# says nothing (a kernel panic ends QEMU with 0 too).
+# shellcheck shell=bash
+
+fail() {
+    echo "FAIL: $*"
+    exit 1
+}
+
+# Where prepared roots, kernels and packages are kept between runs, outside
+# the checkout: PPL_BOOT_CACHE, or /var/cache/pplcounter-boot.
+boot_cache() {
+    local dir=${PPL_BOOT_CACHE:-/var/cache/pplcounter-boot}
+    mkdir -p "$dir" || fail "cannot make the boot cache $dir"
+    echo "$dir"
+}
+
+# The lines of the fenced block that follows the HTML comment beginning with
+# MARKER in FILE, comment lines left out.
+doc_block() {
+    awk -v marker="<!-- $1" 'index($0, marker) == 1 { state = 1; next }
+        state == 1 && /^```/ { state = 2; next }
+        state == 2 && /^```/ { exit }
+        state == 2 && !/^#/ { print }' "$2"
+}
+
+# report CONSOLE_LOG: prints the guest's check and verdict lines; passes
+# only on its "verdict: PASS" line, else shows the console log's last lines.
+report() {
+    local lines
+    lines=$(tr -d '\r' <"$1" | grep -aE '^(check|verdict): ' || true)
+    [ -z "$lines" ] || echo "$lines"
+    if grep -qE '^verdict: PASS \(' <<<"$lines" && ! grep -q '^verdict: FAIL' <<<"$lines"; then
+        return 0
+    fi
+    echo "FAIL: the guest printed no passing verdict; the console log ends:"
+    tr -d '\r' <"$1" | tail -n 40
+    return 1
+}
