@@ -85,7 +85,7 @@ EOF2
 echo "image: $kind, $(($(stat -c %s "$work/initramfs.cpio") / 1024)) KiB, kernel $(basename "$kernel")"
 
 start=$SECONDS
-timeout 900 qemu-system-arm -M virt,highmem=off -cpu cortex-a15 -m 256 -nic none \
+timeout 600 qemu-system-arm -M virt,highmem=off -cpu cortex-a15 -m 256 -nic none \
     -display none -monitor none -serial "file:$work/console.log" -no-reboot \
     -kernel "$kernel" -initrd "$work/initramfs.cpio" \
     -append "console=ttyAMA0 rdinit=/sbin/init panic=1 quiet" </dev/null || true

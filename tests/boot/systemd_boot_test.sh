@@ -50,7 +50,9 @@ ln -s ../ppl-boot-check.service "$root/etc/systemd/system/multi-user.target.want
 ln -s /dev/null "$root/etc/systemd/system/console-getty.service"
 
 start=$SECONDS
-timeout 600 systemd-nspawn --quiet --boot --directory="$root" --register=no --keep-unit \
-    --private-network --console=read-only </dev/null >"$work/console.log" 2>&1 || true
+# A name of its own: the boots of both roots may run at the same time.
+timeout 600 systemd-nspawn --quiet --boot --directory="$root" --machine="ppl-$variant-$$" \
+    --register=no --keep-unit --private-network --console=read-only </dev/null \
+    >"$work/console.log" 2>&1 || true
 echo "boot and checks took $((SECONDS - start)) s"
 report "$work/console.log"

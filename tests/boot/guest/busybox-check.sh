@@ -24,6 +24,7 @@ service_pid() {
     done
     return 1
 }
+service_runs() { service_pid >/dev/null; }
 started_again() { pid=$(service_pid) && [ "$pid" != "$1" ]; }
 # The last totals camsim sent: "in out" of the in camera (8001) and the out
 # camera (8002).
@@ -51,7 +52,7 @@ first_trace() {
 
 run() {
     echo "boot: $(uname -m), kernel $(uname -r), up $(cut -d' ' -f1 /proc/uptime) s"
-    check "rcS started pplcounter under the init script's supervisor" wait_for 60 service_pid ||
+    check "rcS started pplcounter under the init script's supervisor" wait_for 60 service_runs ||
         give_up
     check "the init script says it runs" sh -c '/etc/init.d/pplcounter status | grep -q "is running"'
     wait_for 30 grep -q 'Stack Trace:' "$log"
@@ -99,7 +100,7 @@ run() {
 }
 
 stopped_cleanly() {
-    ! service_pid >/dev/null && cat "$log.1" "$log" 2>/dev/null | grep -q 'PPLCounter::Run(), receive interrupt.'
+    ! service_runs && cat "$log.1" "$log" 2>/dev/null | grep -q 'PPLCounter::Run(), receive interrupt.'
 }
 
 after_power_off() {
