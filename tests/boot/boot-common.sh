@@ -9,9 +9,11 @@ fail() {
 }
 
 # Where prepared roots, kernels and packages are kept between runs, outside
-# the checkout: PPL_BOOT_CACHE, or /var/cache/pplcounter-boot.
+# the checkout: PPL_BOOT_CACHE, or /var/cache/pplcounter-boot (an ordinary
+# user's own cache directory when not root).
 boot_cache() {
     local dir=${PPL_BOOT_CACHE:-/var/cache/pplcounter-boot}
+    [ "$(id -u)" -eq 0 ] || dir=${PPL_BOOT_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/pplcounter-boot}
     mkdir -p "$dir" || fail "cannot make the boot cache $dir"
     echo "$dir"
 }
