@@ -142,7 +142,7 @@ const char* SAttr::GetKeyValue(const char* key) {
 
 int SAttr::GetIntValue(const char* key, int base) {
     const char* value = GetKeyValue(key);
-    return value == nullptr ? 0 : static_cast<int>(strtol(value, nullptr, base));
+    return value == nullptr ? 0 : UTextParam::toIntValue(value, base);
 }
 
 unsigned int SAttr::GetUIntValue(const char* key, int base) {
