@@ -130,43 +130,27 @@ TEST(SignalActions, InstalledQueriedIgnoredAndReset) {
                 "Received Signal \\(SIGUSR1\\)");
 }
 
+// The same mask operations of the process (Mask = UProcessSignal) or of the
+// calling thread (UThreadSignal).
+template <typename Mask>
+void ExpectMaskOperations() {
+    sigset_t mask, none, pair = SetOf(SIGUSR1, SIGUSR2);
+    sigemptyset(&none);
+    ASSERT_TRUE(Mask::SetSignalMask(none));
+    ASSERT_TRUE(Mask::Block(SIGUSR1) && Mask::GetSignalMask(mask));
+    EXPECT_TRUE(sigismember(&mask, SIGUSR1));
+    ASSERT_TRUE(Mask::Unblock(SIGUSR1) && Mask::BlockMultiple(pair) && Mask::GetSignalMask(mask));
+    EXPECT_TRUE(sigismember(&mask, SIGUSR1) && sigismember(&mask, SIGUSR2));
+    ASSERT_TRUE(Mask::UnblockMultiple(pair) && Mask::GetSignalMask(mask));
+    EXPECT_TRUE(sigisemptyset(&mask));
+    ASSERT_TRUE(Mask::BlockAll() && Mask::GetSignalMask(mask));
+    EXPECT_TRUE(sigismember(&mask, SIGTERM) && !sigismember(&mask, SIGKILL));
+    EXPECT_FALSE(Mask::Block(999));
+}
+
 TEST_F(Signals, MasksOfTheProcessAndOfOneThread) {
-    const struct {
-        const char* name;
-        bool (*block)(int);
-        bool (*unblock)(int);
-        bool (*block_all)();
-        bool (*block_many)(const sigset_t&);
-        bool (*unblock_many)(const sigset_t&);
-        bool (*get)(sigset_t&);
-        bool (*set)(const sigset_t&);
-    } kinds[] = {
-        {"process", UProcessSignal::Block, UProcessSignal::Unblock, UProcessSignal::BlockAll,
-         UProcessSignal::BlockMultiple, UProcessSignal::UnblockMultiple,
-         UProcessSignal::GetSignalMask, UProcessSignal::SetSignalMask},
-        {"thread", UThreadSignal::Block, UThreadSignal::Unblock, UThreadSignal::BlockAll,
-         UThreadSignal::BlockMultiple, UThreadSignal::UnblockMultiple, UThreadSignal::GetSignalMask,
-         UThreadSignal::SetSignalMask},
-    };
-    for (const auto& k : kinds) {
-        sigset_t mask, none, pair = SetOf(SIGUSR1, SIGUSR2);
-        sigemptyset(&none);
-        ASSERT_TRUE(k.set(none)) << k.name;
-        ASSERT_TRUE(k.block(SIGUSR1));
-        ASSERT_TRUE(k.get(mask));
-        EXPECT_TRUE(sigismember(&mask, SIGUSR1)) << k.name;
-        ASSERT_TRUE(k.unblock(SIGUSR1));
-        ASSERT_TRUE(k.block_many(pair));
-        ASSERT_TRUE(k.get(mask));
-        EXPECT_TRUE(sigismember(&mask, SIGUSR1) && sigismember(&mask, SIGUSR2)) << k.name;
-        ASSERT_TRUE(k.unblock_many(pair));
-        ASSERT_TRUE(k.get(mask));
-        EXPECT_TRUE(sigisemptyset(&mask)) << k.name;
-        ASSERT_TRUE(k.block_all());
-        ASSERT_TRUE(k.get(mask));
-        EXPECT_TRUE(sigismember(&mask, SIGTERM) && !sigismember(&mask, SIGKILL)) << k.name;
-        EXPECT_FALSE(k.block(999)) << k.name;
-    }
+    ExpectMaskOperations<UProcessSignal>();
+    ExpectMaskOperations<UThreadSignal>();
 }
 
 TEST_F(Signals, WaitsTakePendingSignalsBlockOrTimeOut) {

@@ -3,6 +3,7 @@
 #include <stdlib.h>
 
 #include <climits>
+#include <ctime>
 #include <limits>
 #include <string>
 
@@ -147,5 +148,17 @@ TEST(TimeZones, DaylightSavingChangesBothWaysAndTheProcessZoneIsKept) {
     struct tm ignored;
     for (const char* bad : {"Nowhere/City", "", "../zoneinfo/UTC", "/etc/localtime"})
         EXPECT_FALSE(UTime::UtcToLocal(0, bad, ignored)) << bad;
+    EXPECT_FALSE(UTime::LocalToUtc(summer, "Nowhere/City", utc));
     EXPECT_STREQ(getenv("TZ"), "UTC");
+}
+
+TEST(Clocks, ReadingsAgreeAndElapsedTimeNeverRunsBack) {
+    uint64_t ms = UTime::GetMonotonicMs(), us = UTime::GetMonotonicUs();
+    EXPECT_GE(us / 1000, ms);
+    EXPECT_LT(us / 1000 - ms, 60000u);
+    EXPECT_NEAR(static_cast<double>(UTime::getLogicTime()), static_cast<double>(ms / 1000), 60);
+    EXPECT_NEAR(static_cast<double>(UTime::GetRealTimeMs() / 1000),
+                static_cast<double>(time(nullptr)), 60);
+    EXPECT_LT(UTime::ElapsedMs(ms), 60000u);
+    EXPECT_EQ(UTime::ElapsedMs(ms + 3600000), 0u) << "a reading from the future";
 }
