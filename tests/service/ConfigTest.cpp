@@ -109,6 +109,9 @@ TEST_F(ServiceTest, ThreeDpcReadsGroupZeroEvenWithoutGroupsAndRunsOnlyForCameraZ
     cfg.erase("SERV_PPL_TYPE");
     Load(cfg);
     EXPECT_EQ(svc_->use_3dpc, 1u) << "a missing type keeps the previous kind";
+    cfg["SERV_PPL_ENABLE"] = "0";
+    Load(cfg);
+    EXPECT_FALSE(svc_->counter_3dpc->is_running()) << "counting off stops the 3DPC counter too";
 }
 
 TEST_F(ServiceTest, IncompleteSettingsKeepTheGroupsEarlierSettings) {

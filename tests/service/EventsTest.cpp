@@ -44,6 +44,9 @@ TEST_F(CountCallback, AlarmsLatchAgainstEachOtherNotAgainstTheLimits) {
     EXPECT_THAT(Report(1), ElementsAre("event=ppl_count&in0=1&out0=0&stayin0=1"));
     EXPECT_THAT(Report(10), ElementsAre("event=ppl_stayin_over&group=0&limit=10",
                                         "event=ppl_count&in0=10&out0=0&stayin0=10"));
+    EXPECT_THAT(Report(2), ElementsAre("event=ppl_stayin_under&group=0&limit=2",
+                                       "event=ppl_count&in0=2&out0=0&stayin0=2"))
+        << "each over alarm makes the next under alarm due again";
 }
 
 TEST_F(CountCallback, OverWinsWhenBothLimitsAreMetAndDefaultsAlarmAtOnce) {
