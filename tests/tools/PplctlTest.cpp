@@ -121,6 +121,35 @@ TEST(CheckConfig, EachProblemIsOneLineWithKeyValueAndConsequence) {
         {{},
          "SERV_PPL_EXTRA=\n",
          "\"SERV_PPL_EXTRA=\": empty key or value; the service skips the line."},
+        {{{"SERV_PPL_TYPE", "<missing>"}},
+         "",
+         "SERV_PPL_TYPE is missing: the camera kind stays as it was (LAPI cameras when the "
+         "service starts)."},
+        {{{"SERV_PPL_NUM", "<missing>"}},
+         "",
+         "SERV_PPL_NUM is missing: there is no counting group."},
+        {{{"SERV_PPL_NUM", "x"}}, "", "SERV_PPL_NUM=x: not a number; the service reads it as 0."},
+        {{{"SERV_PPL_NUM", "2"}},
+         "",
+         "SERV_PPL_NUM=2: the service counts one group at most; it uses group 0 only."},
+        {{{"SERV_PPL_OUT_0_CAM", "<missing>"}},
+         "",
+         "SERV_PPL_OUT_0_CAM is missing: group 0 has no out camera; nobody is counted going out "
+         "and reset and clear commands are refused."},
+        {{{"SERV_PPL_TYPE", "3DPCV2"}, {"SERV_PPL_IN_0_CAM", "1"}},
+         "",
+         "SERV_PPL_IN_0_CAM/SERV_PPL_OUT_0_CAM: no side names camera 0, so the 3DPC counter is not "
+         "started."},
+        {{{"SERV_PPL_CAM_0_IP", "<missing>"}},
+         "",
+         "SERV_PPL_CAM_0_IP is missing: camera 0 has no address and its counter cannot connect."},
+        {{{"SERV_PPL_CAM_0_HTTP", "<missing>"}},
+         "",
+         "SERV_PPL_CAM_0_HTTP is missing: camera 0 has no port."},
+        {{{"SERV_PPL_SETTINGS_0_RESET_TIME", "12:00:00.0000000"}},
+         "",
+         "SERV_PPL_SETTINGS_0_RESET_TIME=12:00:00.0000000: longer than 15 characters; the service "
+         "keeps \"12:00:00.000000\"."},
         {{{"SERV_PPL_CAM_1_PASSWORD", "<missing>"}},
          "",
          "SERV_PPL_CAM_1_PASSWORD is missing: settings, enable and clear requests to camera 1 "
@@ -167,7 +196,15 @@ TEST(Pplctl, SpeaksForItselfWithoutAServiceAndOnUsageErrors) {
         {"", "pplctl: no command given (pplctl --help shows the usage)\n"},
         {"camera add 9",
          "pplctl: camera takes 'add N' or 'del N' with a channel 0 to 3 (pplctl "
-         "--help shows the usage)\n"}};
+         "--help shows the usage)\n"},
+        {"send",
+         "pplctl: send takes one command text, e.g. 'action=...' (pplctl --help shows "
+         "the usage)\n"},
+        {"--timeout 5s status",
+         "pplctl: --timeout needs milliseconds (pplctl --help shows the usage)\n"},
+        {"--seconds -1 watch",
+         "pplctl: --seconds needs a number (pplctl --help shows the usage)\n"},
+        {"--bogus status", "pplctl: unknown option --bogus (pplctl --help shows the usage)\n"}};
     for (const auto& u : usage) {
         run = Pplctl(u.args);
         EXPECT_EQ(run.status, 2) << u.args;
