@@ -48,33 +48,36 @@ TEST(CamsimTool, HelpExplainsTheOptionsAndUsageErrorsExitWith2) {
         << unbound.Stderr();
 }
 
+// Subscribes to the running tool's camera; the first event body it sends.
+std::string FirstEvent(ppltest::Child& tool) {
+    int port = 0;
+    std::string msg;
+    ppltest::WaitFor(5000, [&] {
+        std::string out = tool.Stdout();
+        size_t at = out.find(" listening");
+        if (at != std::string::npos)
+            port = std::stoi(out.substr(out.rfind(':', at) + 1));
+        return port > 0;
+    });
+    int fd = port > 0 ? ipcva_connect("127.0.0.1", static_cast<unsigned short>(port), 3000) : -1;
+    if (fd >= 0)
+        ppltest::WaitFor(3000, [&] { return ipcva_recv_msg(fd, msg, {0, 200000}) > 0; });
+    close(fd);
+    return msg;
+}
+
 // The event channel subscribes to the tool's camera and gets the walking
 // model's events until the tool is terminated.
 TEST(CamsimTool, StreamsEventsToASubscriberUntilTerminated) {
     ppltest::Child tool;
     ASSERT_TRUE(
         tool.Start({Tool(), "--lapi", "0", "--rate", "3000", "--seed", "7"}, testing::TempDir()));
-    int port = 0;
-    ASSERT_TRUE(ppltest::WaitFor(5000, [&] {
-        std::string out = tool.Stdout();
-        size_t at = out.find(" listening");
-        if (at != std::string::npos)
-            port = std::stoi(out.substr(out.rfind(':', at) + 1));
-        return port > 0;
-    }));
-    int fd = ipcva_connect("127.0.0.1", static_cast<unsigned short>(port), 3000);
-    ASSERT_GE(fd, 0);
-    std::string msg;
-    EXPECT_TRUE(ppltest::WaitFor(3000, [&] { return ipcva_recv_msg(fd, msg, {0, 200000}) > 0; }));
-    EXPECT_EQ(0u, msg.find("{\"ObjectIn\":"));
-    close(fd);
+    EXPECT_EQ(0u, FirstEvent(tool).find("{\"ObjectIn\":"));
     EXPECT_TRUE(tool.Signal(SIGTERM));
     ASSERT_TRUE(tool.Wait(5000));
     EXPECT_EQ(0, WEXITSTATUS(tool.ExitStatus()));
     EXPECT_NE(std::string::npos, tool.Stdout().find("event to 1 subscriber(s)"));
 }
-
-}  // namespace
 
 // Every option at once: the tool prints each request, counts on from the
 // given totals and ends by itself after the given seconds.
@@ -84,24 +87,12 @@ TEST(CamsimTool, EndsByItselfAndPrintsRequestsWhenVerbose) {
         tool.Start({Tool(), "--verbose", "--lapi", "0", "--bind", "127.0.0.1", "--rate", "600",
                     "--seconds", "2", "--start-in", "5", "--start-out", "2", "--subscribe", "ok"},
                    testing::TempDir()));
-    int port = 0;
-    ASSERT_TRUE(ppltest::WaitFor(5000, [&] {
-        std::string out = tool.Stdout();
-        size_t at = out.find(" listening");
-        if (at != std::string::npos)
-            port = std::stoi(out.substr(out.rfind(':', at) + 1));
-        return port > 0;
-    }));
-    int fd = ipcva_connect("127.0.0.1", static_cast<unsigned short>(port), 3000);
-    ASSERT_GE(fd, 0);
-    std::string msg;
-    EXPECT_TRUE(ppltest::WaitFor(3000, [&] { return ipcva_recv_msg(fd, msg, {0, 200000}) > 0; }));
+    std::string msg = FirstEvent(tool);
     int in = -1, out = -1;
     size_t totals = msg.find("\"TotalIn\":");
     ASSERT_NE(totals, std::string::npos) << msg;
     ASSERT_EQ(sscanf(msg.c_str() + totals, "\"TotalIn\":%d,\"TotalOut\":%d", &in, &out), 2);
     EXPECT_TRUE(in >= 5 && out >= 2) << "counting starts from the given totals: " << msg;
-    close(fd);
     ASSERT_TRUE(tool.Wait(5000)) << "the tool did not end by itself";
     EXPECT_EQ(0, WEXITSTATUS(tool.ExitStatus()));
     EXPECT_NE(std::string::npos,
@@ -109,3 +100,5 @@ TEST(CamsimTool, EndsByItselfAndPrintsRequestsWhenVerbose) {
         << tool.Stdout();
     EXPECT_NE(std::string::npos, tool.Stdout().find("camsim: stopped\n"));
 }
+
+}  // namespace

@@ -57,7 +57,7 @@ void ExpectReported(const std::string& log, const std::vector<const char*>& oper
 
 }  // namespace
 
-TEST(FileHelpers, WholeFilesOnMissingPathsDirectoriesAndShortWrites) {
+TEST(FileHelpers, WholeFilesOnMissingPathsDirectoriesShortWritesAndPreallocation) {
     commontest::TempDir dir;
     std::string inside = dir.File("absent/file"), missing = dir.File("none");
     std::string path = dir.File("ten"), folder = dir.Path();
@@ -102,20 +102,7 @@ TEST(FileHelpers, WholeFilesOnMissingPathsDirectoriesAndShortWrites) {
     EXPECT_TRUE(UFile::LoadBinaryFile("/proc/self/cmdline", loaded));
     EXPECT_FALSE(loaded.empty()) << "a file that reports no size is read to its end";
 
-    FileSizeLimit limit(kLimit);
-    std::string beyond(kLimit + 10, 'x');
-    testing::internal::CaptureStderr();
-    EXPECT_FALSE(UFile::WriteFile(path.c_str(), beyond.data(), beyond.size(), 0644))
-        << "a short write";
-    EXPECT_EQ(UFile::GetFileSize(path.c_str()), kLimit);
-    EXPECT_FALSE(UFile::SaveBinaryFile(path.c_str(), Bytes(beyond.begin(), beyond.end())));
-    ExpectReported(testing::internal::GetCapturedStderr(), {"Write"}, "EFBIG(27)");
-}
-
-TEST(FileHelpers, PreallocationWithinAndBeyondTheLimit) {
-    commontest::TempDir dir;
-    std::string path = dir.File("space");
-    int fd = UFile::Create(path.c_str(), O_TRUNC);
+    int fd = UFile::Create(dir.File("space").c_str(), O_TRUNC);
     ASSERT_GE(fd, 0);
     EXPECT_TRUE(UFile::ReserveSpace(fd, 0, 4096));
     EXPECT_TRUE(UFile::ReserveSpace4(fd, 4096, 4096));
@@ -123,14 +110,19 @@ TEST(FileHelpers, PreallocationWithinAndBeyondTheLimit) {
     EXPECT_FALSE(UFile::ReserveSpace4(fd, 0, 0)) << "nothing to reserve";
 
     FileSizeLimit limit(kLimit);
+    std::string beyond(kLimit + 10, 'x');
     testing::internal::CaptureStderr();
     testing::internal::CaptureStdout();
+    EXPECT_FALSE(UFile::WriteFile(path.c_str(), beyond.data(), beyond.size(), 0644))
+        << "a short write";
+    EXPECT_EQ(UFile::GetFileSize(path.c_str()), kLimit);
+    EXPECT_FALSE(UFile::SaveBinaryFile(path.c_str(), Bytes(beyond.begin(), beyond.end())));
     EXPECT_FALSE(UFile::ReserveSpace(fd, 0, kLimit + 1));
     EXPECT_FALSE(UFile::ReserveSpace4(fd, 0, kLimit + 1));
     fflush(stdout);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "fallocate errno:27\n");
-    ExpectReported(testing::internal::GetCapturedStderr(), {"ReserveSpace", "ReserveSpace4"},
-                   "EFBIG(27)");
+    ExpectReported(testing::internal::GetCapturedStderr(),
+                   {"Write", "ReserveSpace", "ReserveSpace4"}, "EFBIG(27)");
     EXPECT_EQ(UFile::GetFileSize(fd), 8192) << "a refused reservation adds nothing";
     UFile::Close(fd);
 }
@@ -159,10 +151,7 @@ TEST(FileHelpers, DescriptorsOpenAndNot) {
     ASSERT_EQ(pipe(ready), 0);
     pid_t holder = fork();
     if (holder == 0) {
-        struct flock all = {};
-        all.l_type = F_WRLCK;
-        all.l_whence = SEEK_SET;
-        char locked = fcntl(open(path.c_str(), O_RDWR), F_SETLK, &all) == 0 ? 'y' : 'n';
+        char locked = UFile::Lock(UFile::Open(path.c_str(), O_RDWR), F_WRLCK, false) ? 'y' : 'n';
         ssize_t told = write(ready[1], &locked, 1);
         (void)told;
         pause();

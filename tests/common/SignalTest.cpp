@@ -46,7 +46,7 @@ sigset_t SetOf(int a, int b) {
 
 }  // namespace
 
-TEST(SignalNames, ByNumber) {
+TEST(SignalSets, NamesMembersNumbersAndRefusals) {
     EXPECT_STREQ(USignal::GetSignalString(0), "ZERO");
     EXPECT_STREQ(USignal::GetSignalString(-1), "ZERO");
     for (int signal = 1; signal < 32; ++signal) {  // the C library calls 29 POLL
@@ -55,9 +55,6 @@ TEST(SignalNames, ByNumber) {
     }
     EXPECT_STREQ(USignal::GetSignalString(32), "RT_SIGNAL");
     EXPECT_STREQ(USignal::GetSignalString(40), "RT_SIGNAL");
-}
-
-TEST(SignalSets, MembersNumbersAndRefusals) {
     sigset_t set;
     ASSERT_TRUE(USignal::FillSet(set));
     EXPECT_TRUE(USignal::InSet(set, SIGTERM));

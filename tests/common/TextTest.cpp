@@ -32,14 +32,12 @@ TEST(TextParam, RecordsWithAndWithoutTrimming) {
         const char* text;
         bool trimmed;
         Texts records;
-    } cases[] = {
-        {"a = 1\r\n\r\nb=2\nnoval\n=x\nc = ", true, {"a|1", "b|2", "c|"}},
-        {"", true, {}},
-        {"a=1&b= 2 &k=&x=1", false, {"a|1", "b| 2 ", "k|", "x|1"}},
-        {"k=", false, {"k|"}},
-        {"=x&a=1", false, {}},
-        {"", false, {}},
-    };
+    } cases[] = {{"a = 1\r\n\r\nb=2\nnoval\n=x\nc = ", true, {"a|1", "b|2", "c|"}},
+                 {"a=1&b= 2 &k=&x=1", false, {"a|1", "b| 2 ", "k|", "x|1"}},
+                 {"k=", false, {"k|"}},
+                 {"=x&a=1", false, {}},
+                 {"", true, {}},
+                 {"", false, {}}};
     for (const auto& c : cases)
         EXPECT_EQ(Records(c.text, c.trimmed), c.records) << c.text;
     char *key = nullptr, *value = nullptr;
@@ -63,19 +61,17 @@ TEST(TextParam, NumbersAndFormattedTexts) {
     const struct {
         const char* text;
         int base, value;
-    } numbers[] = {
-        {"", 10, 0},
-        {"42", 10, 42},
-        {"-42", 10, -42},
-        {" +7x", 10, 7},
-        {"abc", 10, 0},
-        {"0x1f", 16, 31},
-        {"017", 0, 15},
-        {"2147483647", 10, INT_MAX},
-        {"99999999999", 10, INT_MAX},
-        {"-99999999999", 10, INT_MIN},
-        {"99999999999999999999999", 10, INT_MAX},
-    };
+    } numbers[] = {{"", 10, 0},
+                   {"42", 10, 42},
+                   {"-42", 10, -42},
+                   {" +7x", 10, 7},
+                   {"abc", 10, 0},
+                   {"0x1f", 16, 31},
+                   {"017", 0, 15},
+                   {"2147483647", 10, INT_MAX},
+                   {"99999999999", 10, INT_MAX},
+                   {"-99999999999", 10, INT_MIN},
+                   {"99999999999999999999999", 10, INT_MAX}};
     for (const auto& n : numbers)
         EXPECT_EQ(UTextParam::toIntValue(n.text, n.base), n.value) << n.text;
 
@@ -142,7 +138,7 @@ TEST(TextUtil, KeySearches) {
     }
 }
 
-TEST(TextUtil, SplitsJoinsAndChangesCharacters) {
+TEST(TextUtil, SplitsJoinsTokensAndChangesCharacters) {
     char text[] = ",a,,b;c;";
     std::list<char*> pieces;
     UTextUtil::split(text, ",;", pieces);
@@ -167,19 +163,15 @@ TEST(TextUtil, SplitsJoinsAndChangesCharacters) {
     EXPECT_STREQ(word, "A_B_C\xe9");
     UTextUtil::ToLower(word);
     EXPECT_STREQ(word, "a_b_c\xe9");
-}
 
-TEST(TextUtil, TokensContinueOnTheCallingThreadOnly) {
-    char text[] = "x y  z";
+    char spaced[] = "x y  z", other[] = "p q";
     Texts tokens;
-    for (char* t = UTextUtil::firstToken(text, " "); t != nullptr; t = UTextUtil::nextToken(" "))
+    for (char* t = UTextUtil::firstToken(spaced, " "); t != nullptr; t = UTextUtil::nextToken(" "))
         tokens.push_back(t);
     EXPECT_EQ(tokens, (Texts{"x", "y", "z"}));
-    EXPECT_EQ(UTextUtil::nextToken(" "), nullptr);
-    char other[] = "p q";
     UTextUtil::firstToken(other, " ");
     char* elsewhere = other;
     std::thread([&] { elsewhere = UTextUtil::nextToken(" "); }).join();
-    EXPECT_EQ(elsewhere, nullptr) << "another thread has no tokenization of its own";
+    EXPECT_EQ(elsewhere, nullptr) << "each thread continues its own tokenization";
     EXPECT_STREQ(UTextUtil::nextToken(" "), "q");
 }

@@ -207,31 +207,9 @@ TEST_F(TextCommand, ComposedWithoutSendingAndCutToTheBuffer) {
               "reply=success&action=" + huge.substr(0, 16362));
 }
 
-TEST_F(StreamSocket, FramesMessagesBothWaysUntilTheEnd) {
-    NUnixCmdListener listener;
-    NUnixCommander commander;
-    ASSERT_GE(listener.connect(Path("stream").c_str()), 0);
-    ASSERT_GE(commander.connect(Path("stream").c_str()), 0);
-    ASSERT_GT(listener.waitInbound(2, 0), 0);
-    ASSERT_GE(listener.accept(), 0);
-    EXPECT_EQ(listener.Send("back", 4), 4);
-    ASSERT_GT(commander.Wait(2, 0), 0);
-    EXPECT_EQ(commander.Recv(buf_, sizeof(buf_)), 4);
-    EXPECT_STREQ(buf_, "back");
-
-    EXPECT_EQ(commander.Send("0123456789", 10), 10);
-    ASSERT_GT(listener.Wait(2, 0), 0);
-    char small[10];
-    EXPECT_EQ(listener.Recv(small, sizeof(small)), -1);
-    EXPECT_EQ(listener.Recv(buf_, sizeof(buf_)), 10) << "the message stayed whole";
-    commander.disconnect();
-    ASSERT_GT(listener.Wait(2, 0), 0);
-    EXPECT_EQ(listener.Recv(buf_, sizeof(buf_)), 0);
-}
-
 }  // namespace
 
-TEST_F(StreamSocket, RefusalsOneReconnectAndAnEndMidMessage) {
+TEST_F(StreamSocket, FramesRefusalsOneReconnectAndTheEnd) {
     NUnixCommander commander;
     NUnixCmdListener listener;
     std::string path = Path("stream"), too_long = Path(std::string(120, 'p').c_str());
@@ -260,20 +238,28 @@ TEST_F(StreamSocket, RefusalsOneReconnectAndAnEndMidMessage) {
     ASSERT_GT(listener.waitInbound(2, 0), 0);
     ASSERT_GE(listener.accept(), 0);
     listener.disconnect();  // the server drops this client
-    EXPECT_EQ(commander.Send("again", 5), 5) << "one new connection is tried";
+    EXPECT_EQ(commander.Send("0123456789", 10), 10) << "one new connection is tried";
     ASSERT_GT(listener.waitInbound(2, 0), 0);
     ASSERT_GE(listener.accept(), 0);
     EXPECT_EQ(commander.Send("", 0), 0);
     ASSERT_GT(listener.Wait(2, 0), 0);
-    EXPECT_EQ(listener.Recv(buf_, sizeof(buf_)), 5);
-    EXPECT_STREQ(buf_, "again");
+    char small[10];
+    EXPECT_EQ(listener.Recv(small, sizeof(small)), -1);
+    EXPECT_EQ(listener.Recv(buf_, sizeof(buf_)), 10) << "the message stayed whole";
     EXPECT_EQ(listener.Recv(buf_, sizeof(buf_)), 0) << "an empty message";
-    EXPECT_GE(listener.GetFD(), 0);
+    EXPECT_EQ(listener.Send("back", 4), 4);
+    ASSERT_GT(commander.Wait(2, 0), 0);
+    EXPECT_EQ(commander.Recv(buf_, sizeof(buf_)), 4);
+    EXPECT_STREQ(buf_, "back");
 
     uint32_t announced = 10;  // and then the end of the stream
     ASSERT_EQ(send(listener.GetFD(), &announced, sizeof(announced), 0), 4);
     listener.disconnect();
     ASSERT_GT(commander.waitInbound(2, 0), 0);
-    EXPECT_EQ(commander.Recv(buf_, sizeof(buf_)), 0);
+    EXPECT_EQ(commander.Recv(buf_, sizeof(buf_)), 0) << "the end in the middle of a message";
     EXPECT_EQ(commander.GetFD(), -1) << "the end closes the connection";
+    ASSERT_GE(commander.connect(path.c_str()), 0);
+    ASSERT_GE(listener.accept(), 0);
+    commander.disconnect();
+    EXPECT_EQ(listener.Recv(buf_, sizeof(buf_)), 0) << "the end between messages";
 }
