@@ -118,8 +118,18 @@ TEST_F(LapiService, ConfigChangeReloadsRepeatsEventsPushesAndReconnectsOnlyTheMo
         EXPECT_TRUE(WaitFor(3000, [&] { return in_ctl_->SettingsReceived().size() == pushed; }));
         EXPECT_EQ(in_ctl_->SettingsReceived().back().rfind("action=ppl_setdata&Reset=1&", 0), 0u);
     }
+
+    // A new address alone moves the camera too.
+    camsim::Camera readdressed(in_cam_->Port(), "127.0.0.2");
+    ASSERT_TRUE(readdressed.Start());
+    config_["SERV_PPL_CAM_0_IP"] = "127.0.0.2";
+    h_->WriteConfig(config_);
+    EXPECT_EQ(h_->Command("action=ppl_config_change"), "reply=success");
+    EXPECT_TRUE(readdressed.WaitForSubscribers(1, 5000));
+    EXPECT_TRUE(WaitFor(3000, [&] { return in_cam_->Subscribers() == 0; }));
     EXPECT_EQ(h_->StopService(SIGTERM), 0);
     moved.Stop();
+    readdressed.Stop();
 }
 
 TEST_F(LapiService, ModuleEventsRemoveAndAddACamera) {
@@ -226,8 +236,18 @@ TEST(ThreeDpcService, StartupCountingClearAndReload) {
                "reply=success&in0=connect&out0=disconnect";
     }));
     EXPECT_EQ(h.Command("action=ppl_clear_counts&group=0"), "reply=error") << "no out camera";
+
+    // A new port: the counter asks the camera there from then on.
+    camsim::Camera moved;
+    ASSERT_TRUE(moved.Start());
+    camsim::TarnEndpoints moved_ctl(moved, "admin", "secret");
+    config["SERV_PPL_CAM_0_HTTP"] = std::to_string(moved.Port());
+    h.WriteConfig(config);
+    EXPECT_EQ(h.Command("action=ppl_config_change"), "reply=success");
+    EXPECT_TRUE(WaitFor(5000, [&] { return moved_ctl.TotalsRequests() > 0; }));
     EXPECT_EQ(h.StopService(SIGTERM), 0);
     cam.Stop();
+    moved.Stop();
 }
 
 // A second start, with any arguments, must leave the running service exactly

@@ -127,15 +127,17 @@ TEST_F(ServiceTest, ResetSetsTheRestartBitAndConfigChangeTheReloadFlag) {
         << out;
 }
 
-TEST_F(ServiceTest, ClearWithAnIncompletePairContactsNoCamera) {
+TEST_F(ServiceTest, ClearAndResetWithAnIncompletePairContactNoCamera) {
     auto cfg = BaseLapiConfig();
     cfg.erase("SERV_PPL_IN_0_CAM");
     Load(cfg);
     ::testing::internal::CaptureStdout();
     char reply[256] = {0};
     EXPECT_FALSE(svc_->ParseCmd("action=ppl_clear_counts&group=0", reply));
+    EXPECT_TRUE(svc_->ParseCmd("action=ppl_reset_service&group=0", reply));
     std::string out = ::testing::internal::GetCapturedStdout();
     EXPECT_EQ(out.find("PPL Cam config is incomplete"), std::string::npos) << out;
+    EXPECT_NE(out.find("Camera group is incomplete\n"), std::string::npos) << out;
 }
 
 TEST_F(ServiceTest, RestartBitOfAGroupBeyondTheCountIsClearedWithoutARequest) {
