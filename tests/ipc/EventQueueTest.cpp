@@ -193,7 +193,7 @@ TEST_F(EventQueue, SystemVQueueFullOversizeAndRemovedUnderAReader) {
     for (int i = 0; i < 4; ++i)
         EXPECT_EQ(queue.recv(record.data(), 9000, 0, IPC_NOWAIT), chunk);
 
-    pid_t reader_tid = 0;
+    std::atomic<pid_t> reader_tid{0};
     int got = 0, woke = 0;
     std::thread reader([&] {
         reader_tid = gettid();
