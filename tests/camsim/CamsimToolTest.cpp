@@ -79,26 +79,4 @@ TEST(CamsimTool, StreamsEventsToASubscriberUntilTerminated) {
     EXPECT_NE(std::string::npos, tool.Stdout().find("event to 1 subscriber(s)"));
 }
 
-// Every option at once: the tool prints each request, counts on from the
-// given totals and ends by itself after the given seconds.
-TEST(CamsimTool, EndsByItselfAndPrintsRequestsWhenVerbose) {
-    ppltest::Child tool;
-    ASSERT_TRUE(
-        tool.Start({Tool(), "--verbose", "--lapi", "0", "--bind", "127.0.0.1", "--rate", "600",
-                    "--seconds", "2", "--start-in", "5", "--start-out", "2", "--subscribe", "ok"},
-                   testing::TempDir()));
-    std::string msg = FirstEvent(tool);
-    int in = -1, out = -1;
-    size_t totals = msg.find("\"TotalIn\":");
-    ASSERT_NE(totals, std::string::npos) << msg;
-    ASSERT_EQ(sscanf(msg.c_str() + totals, "\"TotalIn\":%d,\"TotalOut\":%d", &in, &out), 2);
-    EXPECT_TRUE(in >= 5 && out >= 2) << "counting starts from the given totals: " << msg;
-    ASSERT_TRUE(tool.Wait(5000)) << "the tool did not end by itself";
-    EXPECT_EQ(0, WEXITSTATUS(tool.ExitStatus()));
-    EXPECT_NE(std::string::npos,
-              tool.Stdout().find("] request POST /LAPI/V1.0/System/Event/Subscription ("))
-        << tool.Stdout();
-    EXPECT_NE(std::string::npos, tool.Stdout().find("camsim: stopped\n"));
-}
-
 }  // namespace

@@ -128,10 +128,6 @@ TEST(CheckConfig, EachProblemIsOneLineWithKeyValueAndConsequence) {
         {{{"SERV_PPL_NUM", "<missing>"}},
          "",
          "SERV_PPL_NUM is missing: there is no counting group."},
-        {{{"SERV_PPL_NUM", "x"}}, "", "SERV_PPL_NUM=x: not a number; the service reads it as 0."},
-        {{{"SERV_PPL_NUM", "2"}},
-         "",
-         "SERV_PPL_NUM=2: the service counts one group at most; it uses group 0 only."},
         {{{"SERV_PPL_OUT_0_CAM", "<missing>"}},
          "",
          "SERV_PPL_OUT_0_CAM is missing: group 0 has no out camera; nobody is counted going out "
@@ -140,12 +136,6 @@ TEST(CheckConfig, EachProblemIsOneLineWithKeyValueAndConsequence) {
          "",
          "SERV_PPL_IN_0_CAM/SERV_PPL_OUT_0_CAM: no side names camera 0, so the 3DPC counter is not "
          "started."},
-        {{{"SERV_PPL_CAM_0_IP", "<missing>"}},
-         "",
-         "SERV_PPL_CAM_0_IP is missing: camera 0 has no address and its counter cannot connect."},
-        {{{"SERV_PPL_CAM_0_HTTP", "<missing>"}},
-         "",
-         "SERV_PPL_CAM_0_HTTP is missing: camera 0 has no port."},
         {{{"SERV_PPL_SETTINGS_0_RESET_TIME", "12:00:00.0000000"}},
          "",
          "SERV_PPL_SETTINGS_0_RESET_TIME=12:00:00.0000000: longer than 15 characters; the service "
