@@ -104,6 +104,8 @@ TEST_F(ServiceTest, ThreeDpcReadsGroupZeroEvenWithoutGroupsAndRunsOnlyForCameraZ
     cfg["SERV_PPL_IN_0_CAM"] = "0";
     Load(cfg);
     EXPECT_TRUE(svc_->counter_3dpc->is_running());
+    char reply[256] = {0};
+    EXPECT_FALSE(svc_->ParseCmd("action=ppl_clear_counts&group=0", reply)) << "never connected";
     EXPECT_EQ(svc_->counter_3dpc->get_dir(), PPL_DIR_OUT) << "one counter, in 0 then out 1";
 
     cfg.erase("SERV_PPL_TYPE");
