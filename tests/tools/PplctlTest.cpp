@@ -116,6 +116,11 @@ TEST(CheckConfig, EachProblemIsOneLineWithKeyValueAndConsequence) {
          "",
          {"SERV_PPL_TYPE=3DPC: only \"3DPCV2\" selects the 3DPC counter; the service uses LAPI "
           "cameras, channels 0 to 3."}},
+        {{{"SERV_PPL_TYPE", "3DPCV2"}},
+         "",
+         "",
+         {"SERV_PPL_CAM_1_IP=127.0.0.1: the service never reads camera 1's keys; the 3DPC "
+          "counter uses camera 0's only."}},
         {{{"SERV_PPL_SETTINGS_0_RESET_TIME", "3.30"}},
          "",
          "",

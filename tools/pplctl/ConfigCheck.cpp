@@ -321,9 +321,12 @@ private:
                 std::string key = Key("SERV_PPL_CAM_", c, tail);
                 if (!Has(key))
                     continue;
-                Problem(KeyValue(key) + ": camera " + std::to_string(c) + " is used by no group" +
-                        (tdpc ? " (the 3DPC counter reads camera 0's keys only)" : "") +
-                        "; the service never connects to it.");
+                std::string camera = "camera " + std::to_string(c);
+                Problem(KeyValue(key) + ": " +
+                        (tdpc
+                             ? "the service never reads " + camera +
+                                   "'s keys; the 3DPC counter uses camera 0's only."
+                             : camera + " is used by no group; the service never connects to it."));
                 break;
             }
         }

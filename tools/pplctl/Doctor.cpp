@@ -35,19 +35,29 @@ enum class Outcome { kOk, kFail, kNotChecked };
 // there cannot disturb a service that is starting at this very moment, as
 // trying the lock could. False when nobody holds one.
 bool FindLockHolder(std::ifstream& locks, const struct stat& file, int* pid) {
+    // The kernel names the file as "major:minor:inode", the numbers of its
+    // device in hexadecimal.
+    char wanted[64];
+    snprintf(wanted, sizeof(wanted), "%02x:%02x:%llu", major(file.st_dev), minor(file.st_dev),
+             static_cast<unsigned long long>(file.st_ino));
     locks.clear();
     locks.seekg(0);
     std::string line;
     while (std::getline(locks, line)) {
-        char kind[16];
-        unsigned dev_major, dev_minor;
-        unsigned long inode;
-        if (sscanf(line.c_str(), "%*d: %15s %*s %*s %d %x:%x:%lu", kind, pid, &dev_major,
-                   &dev_minor, &inode) == 5 &&
-            strcmp(kind, "FLOCK") == 0 && dev_major == major(file.st_dev) &&
-            dev_minor == minor(file.st_dev) && inode == file.st_ino)
+        char kind[16], where[64];
+        if (sscanf(line.c_str(), "%*d: %15s %*s %*s %d %63s", kind, pid, where) == 3 &&
+            strcmp(kind, "FLOCK") == 0 && strcmp(where, wanted) == 0)
             return true;
     }
+    return false;
+}
+
+// The queue's state, or why there is none to look at.
+bool StatQueue(int key, msqid_ds* ds, std::string* why) {
+    int id = msgget(key, 0);
+    if (id >= 0 && msgctl(id, IPC_STAT, ds) == 0)
+        return true;
+    *why = errno == ENOENT ? "missing" : "cannot be looked at (" + UError::Text(errno) + ")";
     return false;
 }
 
@@ -213,12 +223,10 @@ private:
     // could remove it or read the events meant for the service.
     void CheckOwnQueue() {
         const char* name = "queue 601";
-        int id = msgget(ppl::kEventInKey, 0);
         msqid_ds ds;
-        if (id < 0 || msgctl(id, IPC_STAT, &ds) != 0) {
-            Say(Outcome::kFail, name,
-                errno == ENOENT ? "missing: no module can send the service camera events"
-                                : "cannot be looked at: " + UError::Text(errno));
+        std::string why;
+        if (!StatQueue(ppl::kEventInKey, &ds, &why)) {
+            Say(Outcome::kFail, name, why + ": no module can send the service camera events");
             return;
         }
         auto trusted = [&](uid_t uid) { return uid == service_uid_ || uid == 0; };
@@ -230,14 +238,13 @@ private:
 
     void CheckPeerQueue() {
         const char* name = "queue 259";
-        int id = msgget(ppl::kEventOutKey, 0);
         msqid_ds ds;
-        if (id < 0 || msgctl(id, IPC_STAT, &ds) != 0) {
+        std::string why;
+        if (!StatQueue(ppl::kEventOutKey, &ds, &why)) {
             Say(Outcome::kFail, name,
-                errno == ENOENT ? "missing: no module takes the service's events, so every one "
-                                  "is lost and the service logs an error line with a stack "
-                                  "trace for each"
-                                : "cannot be looked at: " + UError::Text(errno));
+                why +
+                    ": no module takes the service's events, so every one is lost and the "
+                    "service logs an error line with a stack trace for each");
             return;
         }
         Say(Outcome::kOk, name,
