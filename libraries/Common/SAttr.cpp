@@ -42,10 +42,10 @@ bool SAttr::LoadFile(const char* path) {
     if (size == 0)
         return true;
     if (size >= INT_MAX)
-        return false;
+        return false;  // GCOVR_EXCL_LINE: a file of 2 GiB or more
     std::unique_ptr<char[]> text(new (std::nothrow) char[size + 1]);
     if (!text)
-        return false;
+        return false;  // GCOVR_EXCL_LINE: out of memory
     int length = static_cast<int>(size);
     if (UFile::ReadFile(m_szFileName, text.get(), length) != length)
         return false;
@@ -142,7 +142,7 @@ const char* SAttr::GetKeyValue(const char* key) {
 
 int SAttr::GetIntValue(const char* key, int base) {
     const char* value = GetKeyValue(key);
-    return value == nullptr ? 0 : static_cast<int>(strtol(value, nullptr, base));
+    return value == nullptr ? 0 : UTextParam::toIntValue(value, base);
 }
 
 unsigned int SAttr::GetUIntValue(const char* key, int base) {

@@ -93,6 +93,9 @@ bool UFile::SaveBinaryFile(const char* path, const std::vector<unsigned char>& d
     return ok;
 }
 
+// Reads to the end of the file: the size stat reports is only a first guess
+// (files of /proc report 0, and a file may grow while it is read). data is
+// replaced only when the whole file was read.
 bool UFile::LoadBinaryFile(const char* path, std::vector<unsigned char>& data) {
     int fd = open(path, O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
@@ -100,23 +103,25 @@ bool UFile::LoadBinaryFile(const char* path, std::vector<unsigned char>& data) {
         return false;
     }
     int64_t size = GetFileSize(fd);
-    bool ok = size >= 0;
-    if (ok) {
-        data.resize(static_cast<size_t>(size));
-        size_t done = 0;
-        while (ok && done < data.size()) {
-            ssize_t got = read(fd, data.data() + done, data.size() - done);
-            if (got < 0 && errno == EINTR)
-                continue;
-            if (got < 0)
-                REPORT("Read");
-            ok = got > 0;
-            if (ok)
-                done += static_cast<size_t>(got);
+    std::vector<unsigned char> bytes(size > 0 ? static_cast<size_t>(size) + 1 : 4096);
+    size_t done = 0;
+    for (ssize_t got = 1; got != 0;) {
+        if (done == bytes.size())
+            bytes.resize(bytes.size() * 2);
+        got = read(fd, bytes.data() + done, bytes.size() - done);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0) {
+            REPORT("Read");
+            close(fd);
+            return false;
         }
+        done += static_cast<size_t>(got);
     }
     close(fd);
-    return ok;
+    bytes.resize(done);
+    data.swap(bytes);
+    return true;
 }
 
 int UFile::Open(const char* path, int flags) {
@@ -290,7 +295,11 @@ bool UFile::CreateAbsolutePath(const char* path, unsigned int mode) {
         part += length;
         if (sofar == "/" || IsDir(sofar.c_str()))
             continue;
-        if (mkdir(sofar.c_str(), mode) != 0 && errno != EEXIST) {
+        // Something else in the way (a file, a dangling link) is a failure,
+        // not a directory that already exists.
+        if (mkdir(sofar.c_str(), mode) != 0 && (errno != EEXIST || !IsDir(sofar.c_str()))) {
+            if (errno == EEXIST)
+                errno = ENOTDIR;
             REPORT("CreateAbsolutePath");
             return false;
         }

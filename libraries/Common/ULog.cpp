@@ -148,8 +148,10 @@ __attribute__((noinline)) void USysLog::PrintStackTrace(int skip) {
     int count = backtrace(frames, kMaxFrames);
     char** lines = count > 0 ? backtrace_symbols(frames, count) : nullptr;
     if (lines == nullptr) {
+        // GCOVR_EXCL_START: only when memory for the symbol lines runs out
         Write(ERR, "No Stack Trace.\n");
         return;
+        // GCOVR_EXCL_STOP
     }
     Write(ERR, "Stack Trace:\n");
     for (int i = 0; i < count; ++i) {

@@ -1,5 +1,7 @@
 #include "UTextParam.h"
 
+#include <algorithm>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -83,6 +85,9 @@ int UTextParam::makeTextParam(char* out, int size, const char* format, ...) {
     return result;
 }
 
+// A number beyond the range of int reads as the nearest end of it, as strtol
+// gives it on the recorder's 32-bit processor; never as a wrapped value.
 int UTextParam::toIntValue(const char* text, int base) {
-    return static_cast<int>(strtol(text, nullptr, base));
+    long long value = strtoll(text, nullptr, base);
+    return static_cast<int>(std::clamp<long long>(value, INT_MIN, INT_MAX));
 }

@@ -22,6 +22,7 @@ public:
 
     static int makeTextParam(char* out, int size, const char* format, ...)
         __attribute__((format(printf, 3, 4)));
+    // strtol of text in base; beyond the range of int, the nearest end of it.
     static int toIntValue(const char* text, int base);
 
 protected:

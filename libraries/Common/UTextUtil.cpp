@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "UTextParam.h"
+
 namespace {
 
 const char* SkipBlanks(const char* text) {
@@ -115,7 +117,7 @@ bool UTextUtil::findKeyExact(const char* text, const char* key, char separator, 
     char digits[16];
     if (findKeyExact(text, key, separator, stops, digits, sizeof(digits)) < 0)
         return false;
-    *number = static_cast<int>(strtol(digits, nullptr, 10));
+    *number = UTextParam::toIntValue(digits, 10);
     return true;
 }
 

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <climits>
 #include <list>
 #include <map>
 #include <string>
@@ -11,8 +12,6 @@
 #include "Sandbox.h"
 #include "TestFiles.h"
 #include "UFile.h"
-#include "UTextParam.h"
-#include "UTextUtil.h"
 
 namespace {
 
@@ -101,7 +100,16 @@ TEST(AttrValues, NumbersByBase) {
                  {"O", 8, 15},  {"D", 2, 0},   {"absent", 10, 0}};
     for (const auto& r : reads)
         EXPECT_EQ(attrs.GetUIntValue(r.key, r.base), r.value) << r.key << " in base " << r.base;
+    attrs.LoadMemory("F=2.5\nBIG=99999999999\nSMALL=-99999999999");
+    const struct {
+        const char* key;
+        int value;
+    } ints[] = {{"D", 42}, {"W", 0}, {"absent", 0}, {"BIG", INT_MAX}, {"SMALL", INT_MIN}};
+    for (const auto& i : ints)
+        EXPECT_EQ(attrs.GetIntValue(i.key, 10), i.value) << i.key;
     EXPECT_EQ(attrs.GetIntValue("H", 16), 31);
+    EXPECT_FLOAT_EQ(attrs.GetFloatValue("F"), 2.5f);
+    EXPECT_FLOAT_EQ(attrs.GetFloatValue("absent"), 0.0f);
 
     attrs.Clear();
     attrs.SetUIntValue("U16", 255, 16);
@@ -127,35 +135,14 @@ TEST(AttrValues, RecordsKeepEmptyValuesAndJoinWithEquals) {
     attrs.GetKeyValues(joined);
     EXPECT_EQ(joined, (std::list<std::string>{"a=b=c", "k=", "key=again", "x=1"}));
     EXPECT_EQ(Saved(attrs, false, false), "a:b=c\nk:\nkey:again\nx:1");
-}
-
-TEST(TextParam, RecordsAcrossLineEndingsAreTrimmed) {
-    char text[] = "a = 1\r\n\r\nb=2\nnoval\n=x\nc = ";
-    UTextParam cursor(text);
-    std::vector<std::pair<std::string, std::string>> found;
-    char *key = nullptr, *value = nullptr;
-    while (cursor.GetNextParam(key, value, '=', "\r\n"))
-        found.emplace_back(key, value);
-    EXPECT_EQ(found, (decltype(found){{"a", "1"}, {"b", "2"}, {"c", ""}}));
-    EXPECT_FALSE(cursor.GetNextParam(key, value, '=', "\r\n"));
-    UTextParam empty;
-    EXPECT_FALSE(empty.GetNextParam(key, value, '=', "\n"));
-}
-
-TEST(TextUtil, TrimKeySearchesAndImplode) {
-    for (const auto& c : {std::make_pair(" \t x y \r\n", "x y"), std::make_pair("   ", ""),
-                          std::make_pair("", ""), std::make_pair("x", "x")}) {
-        std::string copy = c.first;
-        char* start = &copy[0];
-        UTextUtil::Trim(start, UTextUtil::WHITESPACE);
-        EXPECT_STREQ(start, c.second) << "'" << c.first << "'";
-        EXPECT_EQ(UTextUtil::Trim(std::string(c.first), UTextUtil::WHITESPACE), c.second);
-    }
-    const char* text = "idx=5 id=7 &";
-    EXPECT_STREQ(UTextUtil::findKey(text, "id", '='), "5 id=7 &");
-    int number = 0;
-    EXPECT_TRUE(UTextUtil::findKeyExact(text, "id", '=', "&", &number));
-    EXPECT_EQ(number, 7);
-    EXPECT_EQ(UTextUtil::implode({"only"}, ", "), "only");
-    EXPECT_EQ(UTextUtil::implode({"a", "b"}, ", "), "a, b");
+    std::list<std::string> keys, values;
+    attrs.GetKeys(keys);
+    attrs.GetValues(values);
+    EXPECT_EQ(keys, (std::list<std::string>{"a", "k", "key", "x"}));
+    EXPECT_EQ(values, (std::list<std::string>{"b=c", "", "again", "1"}));
+    EXPECT_TRUE(attrs.RemoveKey("k"));
+    EXPECT_FALSE(attrs.RemoveKey("k"));
+    EXPECT_FALSE(attrs.RemoveKey(nullptr));
+    EXPECT_FALSE(attrs.HasKey(nullptr));
+    EXPECT_EQ(attrs.GetKeyValue(nullptr), nullptr);
 }

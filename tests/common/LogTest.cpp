@@ -78,6 +78,17 @@ TEST(LogError, ZeroErrnoLogsNothingAndCallerTextIsCutAt255) {
     std::string log = testing::internal::GetCapturedStderr();
     EXPECT_NE(log.find("f.cpp(3):fn()\t[EPERM(1)] " + cut + "\n"), std::string::npos) << log;
     EXPECT_NE(log.find("g.cpp(4):gn()\t[" + cut + "]\n"), std::string::npos) << log;
+
+    // The console twin: the same lines on standard error alone, no stack trace.
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(UConsoleLog::error("f.cpp", 5, "fn", ENOENT), ENOENT);
+    EXPECT_EQ(UConsoleLog::error("f.cpp", 6, "fn", EPERM, "own text"), EPERM);
+    EXPECT_EQ(UConsoleLog::error("f.cpp", 7, "fn", 0, "own text"), 0);
+    UConsoleLog::write("n=%d", 5);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              std::string("f.cpp(5):fn()\t\t[ENOENT(2)] ") + strerror(ENOENT) +
+                  "\nf.cpp(6):fn()\t\t[EPERM(1)] own text\n" + program_invocation_short_name + "[" +
+                  std::to_string(getpid()) + "]: n=5\n");
 }
 
 TEST(LogError, ErrorLineThenStackTraceSkippingDemangledFramesOnly) {

@@ -3,6 +3,7 @@
 #include <stdlib.h>
 
 #include <climits>
+#include <ctime>
 #include <limits>
 #include <string>
 
@@ -147,5 +148,13 @@ TEST(TimeZones, DaylightSavingChangesBothWaysAndTheProcessZoneIsKept) {
     struct tm ignored;
     for (const char* bad : {"Nowhere/City", "", "../zoneinfo/UTC", "/etc/localtime"})
         EXPECT_FALSE(UTime::UtcToLocal(0, bad, ignored)) << bad;
+    EXPECT_FALSE(UTime::LocalToUtc(summer, "Nowhere/City", utc));
     EXPECT_STREQ(getenv("TZ"), "UTC");
+}
+
+TEST(Clocks, ReadingsAgreeAndElapsedTimeNeverRunsBack) {
+    uint64_t ms = UTime::GetMonotonicMs(), us = UTime::GetMonotonicUs();
+    EXPECT_TRUE(us / 1000 >= ms && UTime::getLogicTime() >= static_cast<long>(ms / 1000));
+    EXPECT_LE(UTime::GetRealTimeMs() / 1000, static_cast<uint64_t>(time(nullptr)));
+    EXPECT_EQ(UTime::ElapsedMs(ms + 3600000), 0u) << "a reading from the future";
 }

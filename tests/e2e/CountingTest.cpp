@@ -109,8 +109,27 @@ TEST_F(LapiService, ConfigChangeReloadsRepeatsEventsPushesAndReconnectsOnlyTheMo
     }));
     EXPECT_EQ(in_ctl_->SettingsReceived().size(), 1u);
     EXPECT_EQ(in_cam_->AcceptedConnections(), in_connections + 1);
+
+    // With clearing on, every reload pushes and clears, the same settings too.
+    config_["SERV_PPL_SETTINGS_0_CLEAR_COUNT"] = "1";
+    h_->WriteConfig(config_);
+    for (size_t pushed : {2u, 3u}) {
+        EXPECT_EQ(h_->Command("action=ppl_config_change"), "reply=success");
+        EXPECT_TRUE(WaitFor(3000, [&] { return in_ctl_->SettingsReceived().size() == pushed; }));
+        EXPECT_EQ(in_ctl_->SettingsReceived().back().rfind("action=ppl_setdata&Reset=1&", 0), 0u);
+    }
+
+    // A new address alone moves the camera too.
+    camsim::Camera readdressed(in_cam_->Port(), "127.0.0.2");
+    ASSERT_TRUE(readdressed.Start());
+    config_["SERV_PPL_CAM_0_IP"] = "127.0.0.2";
+    h_->WriteConfig(config_);
+    EXPECT_EQ(h_->Command("action=ppl_config_change"), "reply=success");
+    EXPECT_TRUE(readdressed.WaitForSubscribers(1, 5000));
+    EXPECT_TRUE(WaitFor(3000, [&] { return in_cam_->Subscribers() == 0; }));
     EXPECT_EQ(h_->StopService(SIGTERM), 0);
     moved.Stop();
+    readdressed.Stop();
 }
 
 TEST_F(LapiService, ModuleEventsRemoveAndAddACamera) {
@@ -121,9 +140,27 @@ TEST_F(LapiService, ModuleEventsRemoveAndAddACamera) {
     ASSERT_TRUE(h_->SendModuleEvent("event=add_camera&ch=1"));
     EXPECT_TRUE(out_cam_->WaitForSubscribers(1, 5000));
     EXPECT_TRUE(h_->WaitStatus("PPL.Out0.Status", "connect"));
-    EXPECT_NE(h_->Stderr().find("Event::Run(), receive event => event=add_camera&ch=1\n"),
-              std::string::npos);
+    const std::string taken = "Event::Run(), receive event => event=add_camera&ch=1\n";
+    EXPECT_NE(h_->Stderr().find(taken), std::string::npos);
+
+    // For a running counter: the same address and port leave it alone, a
+    // new port moves it there.
+    int connections = out_cam_->AcceptedConnections();
+    ASSERT_TRUE(h_->SendModuleEvent("event=add_camera&ch=1"));
+    ASSERT_TRUE(WaitFor(3000, [&] {
+        std::string log = h_->Stderr();
+        return log.find(taken, log.find(taken) + 1) != std::string::npos;
+    }));
+    camsim::Camera moved;
+    ASSERT_TRUE(moved.Start());
+    config_["SERV_PPL_CAM_1_HTTP"] = std::to_string(moved.Port());
+    h_->WriteConfig(config_);
+    ASSERT_TRUE(h_->SendModuleEvent("event=add_camera&ch=1"));
+    EXPECT_TRUE(moved.WaitForSubscribers(1, 5000));
+    EXPECT_TRUE(WaitFor(3000, [&] { return out_cam_->Subscribers() == 0; }));
+    EXPECT_EQ(out_cam_->AcceptedConnections(), connections) << "unchanged: not reconnected";
     EXPECT_EQ(h_->StopService(SIGTERM), 0);
+    moved.Stop();
 }
 
 TEST_F(LapiService, TermDuringConnectingAndReloadingEndsCleanly) {
@@ -140,28 +177,30 @@ TEST_F(LapiService, TermDuringConnectingAndReloadingEndsCleanly) {
 }
 
 // The 3DPC camera kind: camera 0 polled through the open client library.
-TEST(ThreeDpcService, StartupAndCounting) {
+TEST(ThreeDpcService, StartupCountingClearAndReload) {
     PPL_ENTER_SANDBOX_OR_SKIP();
     camsim::Camera cam;
     ASSERT_TRUE(cam.Start());
     camsim::TarnEndpoints ctl(cam, "admin", "secret");
     ServiceHarness h;
-    h.WriteConfig({{"SERV_PPL_NUM", "1"},
-                   {"SERV_PPL_ENABLE", "1"},
-                   {"SERV_PPL_TYPE", "3DPCV2"},
-                   {"SERV_PPL_IN_0_CAM", "0"},
-                   {"SERV_PPL_OUT_0_CAM", "0"},
-                   {"SERV_PPL_STAYIN_0_OVER", "100"},
-                   {"SERV_PPL_STAYIN_0_UNDER", "-1"},
-                   {"SERV_PPL_SETTINGS_0_RESET_ENABLE", "0"},
-                   {"SERV_PPL_SETTINGS_0_RESET_TIME", "0:0:0"},
-                   {"SERV_PPL_SETTINGS_0_REPORT_INTERVAL", "0"},
-                   {"SERV_PPL_SETTINGS_0_SENSITIVITY", "1"},
-                   {"SERV_PPL_SETTINGS_0_CLEAR_COUNT", "0"},
-                   {"SERV_PPL_CAM_0_IP", "127.0.0.1"},
-                   {"SERV_PPL_CAM_0_HTTP", std::to_string(cam.Port())},
-                   {"SERV_PPL_CAM_0_USERNAME", "admin"},
-                   {"SERV_PPL_CAM_0_PASSWORD", "secret"}});
+    std::map<std::string, std::string> config = {
+        {"SERV_PPL_NUM", "1"},
+        {"SERV_PPL_ENABLE", "1"},
+        {"SERV_PPL_TYPE", "3DPCV2"},
+        {"SERV_PPL_IN_0_CAM", "0"},
+        {"SERV_PPL_OUT_0_CAM", "0"},
+        {"SERV_PPL_STAYIN_0_OVER", "100"},
+        {"SERV_PPL_STAYIN_0_UNDER", "-1"},
+        {"SERV_PPL_SETTINGS_0_RESET_ENABLE", "0"},
+        {"SERV_PPL_SETTINGS_0_RESET_TIME", "0:0:0"},
+        {"SERV_PPL_SETTINGS_0_REPORT_INTERVAL", "0"},
+        {"SERV_PPL_SETTINGS_0_SENSITIVITY", "1"},
+        {"SERV_PPL_SETTINGS_0_CLEAR_COUNT", "0"},
+        {"SERV_PPL_CAM_0_IP", "127.0.0.1"},
+        {"SERV_PPL_CAM_0_HTTP", std::to_string(cam.Port())},
+        {"SERV_PPL_CAM_0_USERNAME", "admin"},
+        {"SERV_PPL_CAM_0_PASSWORD", "secret"}};
+    h.WriteConfig(config);
     ASSERT_TRUE(h.StartService());
     EXPECT_TRUE(h.WaitEvent("event=ppl_enable&enable=1"));
     EXPECT_TRUE(h.WaitEvent("event=ppl_count&in0=0&out0=0&stayin0=0"));
@@ -171,6 +210,32 @@ TEST(ThreeDpcService, StartupAndCounting) {
     EXPECT_TRUE(h.WaitEvent("event=ppl_count&in0=4&out0=1&stayin0=3", 5000)) << h.Stderr();
     EXPECT_TRUE(h.WaitStatus("PPL.StayIn0.Count", "3"));
     EXPECT_EQ(h.Command("action=ppl_get_service_status"), "reply=success&in0=connect&out0=connect");
+
+    // A clear: the counts are zero at once (the event is out before the
+    // reply), and the camera is told to reset its totals.
+    EXPECT_EQ(h.Command("action=ppl_clear_counts&group=0"), "reply=success");
+    EXPECT_EQ(h.NextEvent(0), "event=ppl_count&in0=0&out0=0&stayin0=0");
+    EXPECT_TRUE(WaitFor(5000, [&] { return ctl.ResetRequests() == 1; }));
+    EXPECT_EQ(cam.GetTotals().in + cam.GetTotals().out, 0);
+
+    // A reload with clearing on clears again; one that names camera 0 as
+    // the in side alone leaves the out side unconnected.
+    cam.SetTotals(6, 2);
+    ASSERT_TRUE(h.WaitEvent("event=ppl_count&in0=6&out0=2&stayin0=4", 5000));
+    config["SERV_PPL_SETTINGS_0_CLEAR_COUNT"] = "1";
+    h.WriteConfig(config);
+    EXPECT_EQ(h.Command("action=ppl_config_change"), "reply=success");
+    EXPECT_TRUE(h.WaitEvent("event=ppl_count&in0=0&out0=0&stayin0=0"));
+    EXPECT_TRUE(WaitFor(5000, [&] { return ctl.ResetRequests() == 2; }));
+    config.erase("SERV_PPL_OUT_0_CAM");
+    config["SERV_PPL_SETTINGS_0_CLEAR_COUNT"] = "0";
+    h.WriteConfig(config);
+    EXPECT_EQ(h.Command("action=ppl_config_change"), "reply=success");
+    EXPECT_TRUE(WaitFor(5000, [&] {
+        return h.Command("action=ppl_get_service_status") ==
+               "reply=success&in0=connect&out0=disconnect";
+    }));
+    EXPECT_EQ(h.Command("action=ppl_clear_counts&group=0"), "reply=error") << "no out camera";
     EXPECT_EQ(h.StopService(SIGTERM), 0);
     cam.Stop();
 }
@@ -246,6 +311,15 @@ TEST_F(LapiService, ClearAndResetActOnTheCamerasAndTheCountsFollow) {
     h_->ForgetEvents();
     in_cam_->Walk(2, 0);
     EXPECT_TRUE(h_->WaitEvent("event=ppl_count&in0=2&out0=0&stayin0=2"));
+
+    // One camera on both sides takes one request per push and per clear.
+    config_["SERV_PPL_OUT_0_CAM"] = "0";
+    h_->WriteConfig(config_);
+    size_t taken = in_ctl_->SettingsReceived().size();
+    EXPECT_EQ(h_->Command("action=ppl_config_change"), "reply=success");
+    EXPECT_TRUE(WaitFor(3000, [&] { return in_ctl_->SettingsReceived().size() == taken + 1; }));
+    EXPECT_EQ(h_->Command("action=ppl_clear_counts&group=0"), "reply=success");
+    EXPECT_EQ(in_ctl_->SettingsReceived().size(), taken + 2);
     EXPECT_EQ(h_->StopService(SIGTERM), 0);
 }
 

@@ -252,6 +252,10 @@ TEST_F(SharedRecorderTest, ACommandSocketPathThatIsNoSocketIsRefused) {
     struct stat st;
     ASSERT_EQ(lstat(kSocketPath, &st), 0) << "a killed service leaves its socket";
     StartCounting();
+    // The killed one's status file and subscriptions can still show: the new
+    // one has replaced the socket once it answers on it.
+    ASSERT_TRUE(ServiceStatusBecomes("reply=success&in0=connect&out0=connect", 8000))
+        << "no answer after a stale socket and queue";
     ASSERT_EQ(lstat(kSocketPath, &st), 0);
     EXPECT_TRUE(S_ISSOCK(st.st_mode) && st.st_uid == 0);
     EXPECT_EQ(st.st_mode & 07777, 0660u) << "whatever the umask";

@@ -72,6 +72,56 @@ TEST_F(CommandSocket, ReplyGoesToTheSenderAndLongDatagramsAreCut) {
     EXPECT_NE(err.find(". local:" + a + ". remote:. msg:ok.\n"), std::string::npos) << err;
 }
 
+TEST_F(CommandSocket, WithoutSocketOrAddresses) {
+    NCommandIPC endpoint, server(Path("a").c_str(), nullptr);
+    EXPECT_EQ(endpoint.Wait(0, 0), -1) << "no socket";
+    EXPECT_EQ(endpoint.Recv(buf_, sizeof(buf_)), -1);
+    std::string too_long = Path(std::string(120, 'p').c_str());
+    testing::internal::CaptureStderr();
+    EXPECT_GE(endpoint.Connect(too_long.c_str(), too_long.c_str()), 0) << "a socket, unbound";
+    EXPECT_STREQ(endpoint.GetRemotePath(), "");
+    EXPECT_FALSE(endpoint.bind()) << "nothing to bind";
+    EXPECT_EQ(endpoint.Send("x", 1), -1) << "nowhere to send";
+    endpoint.destroySocket();
+    EXPECT_EQ(endpoint.getNumData(), -1);
+    std::string err = testing::internal::GetCapturedStderr();
+    for (const char* text :
+         {"NDGramIPC: bind error.", "NCommandIPC send error.", "NDGramIPC: GetNumData error."})
+        EXPECT_NE(err.find(text), std::string::npos) << text << " in:\n" << err;
+
+    EXPECT_EQ(endpoint.Send("x", 1, Path("a").c_str()), 2) << "a socket is made to send";
+    ASSERT_GT(server.Wait(2, 0), 0);
+    EXPECT_EQ(server.getNumData(), 2);
+    EXPECT_EQ(server.Recv(buf_, 0), -1) << "no room at all";
+    EXPECT_EQ(server.Recv(buf_, 1), 0) << "room for the zero alone";
+}
+
+TEST_F(CommandSocket, TimedCommanderMovesOnWhenAnAnswerIsOverdue) {
+    std::string base = Path("t"), server_path = Path("server");
+    NCommandIPC server(server_path.c_str(), nullptr);
+    NTimedCommander idle(Path("idle").c_str(), server_path.c_str(), 5);
+    EXPECT_EQ(idle.Wait(0, 0), 0);
+    EXPECT_EQ(idle.GetLocalPath(), Path("idle0")) << "nothing sent: no answer is overdue";
+
+    NTimedCommander commander(base.c_str(), server_path.c_str(), 5);
+    EXPECT_EQ(commander.Send("q1", 2), 3);
+    ASSERT_GT(server.Wait(2, 0), 0);
+    server.Recv(buf_, sizeof(buf_));
+    EXPECT_EQ(server.GetRemotePath(), base + "0");
+    EXPECT_EQ(commander.Wait(0, 0), 0);
+    EXPECT_EQ(commander.GetLocalPath(), base + "1") << "moved on";
+    testing::internal::CaptureStderr();
+    EXPECT_LT(server.Send("late", 4), 0) << "the late answer finds nobody";
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(commander.Send("q2", 2), 3);
+    ASSERT_GT(server.Wait(2, 0), 0);
+    server.Recv(buf_, sizeof(buf_));
+    EXPECT_EQ(server.Send("a2", 2), 3);
+    ASSERT_GT(commander.Wait(2, 0), 0);
+    EXPECT_EQ(commander.Recv(buf_, sizeof(buf_)), 3);
+    EXPECT_STREQ(buf_, "a2");
+}
+
 class TextCommand : public SocketDir {
 protected:
     void SetUp() override {
@@ -140,26 +190,76 @@ TEST_F(TextCommand, ResultWordsRoundTrip) {
     }
 }
 
-TEST_F(StreamSocket, FramesMessagesBothWaysUntilTheEnd) {
-    NUnixCmdListener listener;
+TEST_F(TextCommand, ComposedWithoutSendingAndCutToTheBuffer) {
+    Deliver("action=x");
+    server_.SetReply(NTextCommand::BUSY, "&n=%d", 2);
+    EXPECT_STREQ(server_.GetSendBuffer(), "reply=busy&n=2");
+    EXPECT_TRUE(server_.SendReply());
+    EXPECT_EQ(Answer(), "reply=busy&n=2");
+    client_.SetCommand(NTextCommand::SUCCESS, "&action=%s", "get");
+    EXPECT_STREQ(client_.GetSendBuffer(), "reply=success&action=get");
+    std::string huge(20000, 'a');
+    EXPECT_EQ(client_.SendCommand(NTextCommand::SUCCESS, "&action=%s", huge.c_str()), 16384)
+        << "cut to 16383 bytes and the zero";
+    ASSERT_GT(server_.Wait(2, 0), 0);
+    EXPECT_EQ(server_.RecvBuffer(), 16383) << "the receive buffer keeps room for a zero";
+    EXPECT_EQ(std::string(server_.GetRecvBuffer()),
+              "reply=success&action=" + huge.substr(0, 16362));
+}
+
+}  // namespace
+
+TEST_F(StreamSocket, FramesRefusalsOneReconnectAndTheEnd) {
     NUnixCommander commander;
-    ASSERT_GE(listener.connect(Path("stream").c_str()), 0);
-    ASSERT_GE(commander.connect(Path("stream").c_str()), 0);
+    NUnixCmdListener listener;
+    std::string path = Path("stream"), too_long = Path(std::string(120, 'p').c_str());
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(commander.connect(path.c_str()), -1) << "nobody listens";
+    EXPECT_EQ(commander.connect(too_long.c_str()), -1);
+    EXPECT_EQ(commander.Send("x", 1), -1) << "the one reconnect fails too";
+    EXPECT_EQ(commander.Recv(buf_, sizeof(buf_)), -1);
+    EXPECT_EQ(commander.Wait(0, 0), -1);
+    EXPECT_EQ(listener.connect(too_long.c_str()), -1);
+    EXPECT_EQ(listener.connect(Path("absent/stream").c_str()), -1);
+    EXPECT_EQ(listener.accept(), -1) << "not listening";
+    std::string err = testing::internal::GetCapturedStderr();
+    for (std::string text :
+         {"NUnixCommander: connect to " + path + " error.", std::string("Unsupported Unix Socket."),
+          std::string("bind error"), std::string("create server socket error"),
+          std::string("accept error")})
+        EXPECT_NE(err.find(text), std::string::npos) << text << " in:\n" << err;
+
+    ASSERT_GE(listener.connect(path.c_str()), 0);
+    testing::internal::CaptureStdout();
+    ASSERT_GE(commander.connect(path.c_str()), 0);
+    fflush(stdout);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "command socket: " + std::to_string(commander.GetFD()) + "\n");
     ASSERT_GT(listener.waitInbound(2, 0), 0);
     ASSERT_GE(listener.accept(), 0);
+    listener.disconnect();  // the server drops this client
+    EXPECT_EQ(commander.Send("0123456789", 10), 10) << "one new connection is tried";
+    ASSERT_GT(listener.waitInbound(2, 0), 0);
+    ASSERT_GE(listener.accept(), 0);
+    EXPECT_EQ(commander.Send("", 0), 0);
+    ASSERT_GT(listener.Wait(2, 0), 0);
+    char small[10];
+    EXPECT_EQ(listener.Recv(small, sizeof(small)), -1);
+    EXPECT_EQ(listener.Recv(buf_, sizeof(buf_)), 10) << "the message stayed whole";
+    EXPECT_EQ(listener.Recv(buf_, sizeof(buf_)), 0) << "an empty message";
     EXPECT_EQ(listener.Send("back", 4), 4);
     ASSERT_GT(commander.Wait(2, 0), 0);
     EXPECT_EQ(commander.Recv(buf_, sizeof(buf_)), 4);
     EXPECT_STREQ(buf_, "back");
 
-    EXPECT_EQ(commander.Send("0123456789", 10), 10);
-    ASSERT_GT(listener.Wait(2, 0), 0);
-    char small[10];
-    EXPECT_EQ(listener.Recv(small, sizeof(small)), -1);
-    EXPECT_EQ(listener.Recv(buf_, sizeof(buf_)), 10) << "the message stayed whole";
+    uint32_t announced = 10;  // and then the end of the stream
+    ASSERT_EQ(send(listener.GetFD(), &announced, sizeof(announced), 0), 4);
+    listener.disconnect();
+    ASSERT_GT(commander.waitInbound(2, 0), 0);
+    EXPECT_EQ(commander.Recv(buf_, sizeof(buf_)), 0) << "the end in the middle of a message";
+    EXPECT_EQ(commander.GetFD(), -1) << "the end closes the connection";
+    ASSERT_GE(commander.connect(path.c_str()), 0);
+    ASSERT_GE(listener.accept(), 0);
     commander.disconnect();
-    ASSERT_GT(listener.Wait(2, 0), 0);
-    EXPECT_EQ(listener.Recv(buf_, sizeof(buf_)), 0);
+    EXPECT_EQ(listener.Recv(buf_, sizeof(buf_)), 0) << "the end between messages";
 }
-
-}  // namespace

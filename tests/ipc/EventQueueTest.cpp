@@ -159,3 +159,124 @@ TEST_F(EventQueue, ListSendsToEveryQueueAndHoldsAtMostSixteen) {
     EXPECT_EQ(list.RegisterQueue(700), 0);
     EXPECT_EQ(list.GetCount(), 16);
 }
+
+namespace {
+
+// Whether thread tid of this process sleeps (in a blocking call).
+bool Sleeping(pid_t tid) {
+    std::string status = ppltest::ReadWholeFile("/proc/self/task/" + std::to_string(tid) + "/stat");
+    size_t close = status.rfind(')');
+    return close != std::string::npos && status.compare(close, 4, ") S ") == 0;
+}
+
+}  // namespace
+
+TEST_F(EventQueue, SystemVQueueFullOversizeAndRemovedUnderAReader) {
+    NSysVMsgQ queue, other;
+    ASSERT_TRUE(queue.create(kKey));
+    ASSERT_TRUE(other.create(kKey)) << "creating a queue that exists gets it";
+    EXPECT_EQ(other.getMQId(), queue.getMQId());
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(NSysVMsgQ().open(kKey + 1));
+    // A type and room for 9000 bytes of text, beyond the largest message.
+    std::vector<long> record(1 + 9000 / sizeof(long), 1);
+    const int chunk = queue.getMsgBufferSize() / 4;
+    ASSERT_GT(chunk, 0);
+    for (int i = 0; i < 4; ++i)
+        ASSERT_TRUE(queue.send(record.data(), chunk, IPC_NOWAIT));
+    EXPECT_FALSE(queue.send(record.data(), 1, IPC_NOWAIT));
+    EXPECT_EQ(errno, EAGAIN) << "a full queue refuses at once";
+    EXPECT_EQ(queue.getNumMessages(), 4);
+    EXPECT_EQ(NEventMQ(kKey, false).Send("y", 1), -1) << "full, even on the retry";
+    EXPECT_FALSE(other.send(record.data(), 9000, IPC_NOWAIT)) << "beyond the largest message";
+    EXPECT_EQ(queue.recv(record.data(), 10, 0, IPC_NOWAIT), -1) << "a buffer too small";
+    for (int i = 0; i < 4; ++i)
+        EXPECT_EQ(queue.recv(record.data(), 9000, 0, IPC_NOWAIT), chunk);
+
+    std::atomic<pid_t> reader_tid{0};
+    int got = 0, woke = 0;
+    std::thread reader([&] {
+        reader_tid = gettid();
+        got = other.recv(record.data(), 9000, 0, 0);
+        woke = errno;
+    });
+    EXPECT_TRUE(ppltest::WaitFor(5000, [&] { return reader_tid != 0 && Sleeping(reader_tid); }));
+    ASSERT_TRUE(queue.destroy());
+    reader.join();
+    EXPECT_EQ(got, -1);
+    EXPECT_EQ(woke, EIDRM) << "the blocked reader wakes when the queue goes";
+    EXPECT_EQ(queue.getMQId(), -1);
+    EXPECT_FALSE(queue.destroy());
+    EXPECT_EQ(other.getNumMessages(), -1);
+    EXPECT_EQ(other.getMsgBufferSize(), -1);
+    std::string log = testing::internal::GetCapturedStderr();
+    for (const char* operation : {"open", "send", "recv", "destroy", "getNumMessages"})
+        EXPECT_NE(log.find(std::string(":") + operation + "()\t["), std::string::npos) << operation;
+}
+
+TEST_F(EventQueue, EndpointCreatesConnectsAndLetsGo) {
+    NEventMQ endpoint;
+    IEvent none;  // the interface's own versions fail
+    char buf[8];
+    EXPECT_EQ(none.Send("x", 1), -1);
+    EXPECT_EQ(none.Recv(buf, sizeof(buf)), -1);
+    EXPECT_EQ(none.Wait(0, 0), -1);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(endpoint.Wait(0, 0), -1);
+    EXPECT_EQ(endpoint.Recv(buf, sizeof(buf)), -1);
+    EXPECT_EQ(endpoint.destroy(), -1);
+    ASSERT_TRUE(endpoint.create(700));
+    EXPECT_EQ(endpoint.GetKey(), -1) << "an owner";
+    EXPECT_FALSE(endpoint.connect(701)) << "nobody owns 701";
+    EXPECT_LT(msgget(700, 0), 0) << "an owner that turns opener removes its queue";
+    EXPECT_EQ(endpoint.GetKey(), 701);
+    NEventMQ peer(701, true);
+    ASSERT_TRUE(endpoint.connect(701));
+    EXPECT_EQ(endpoint.Send("x", 1), 1);
+    endpoint.disconnect();
+    EXPECT_EQ(endpoint.GetMQId(), -1);
+    EXPECT_EQ(peer.Wait(0, 0), 1) << "an opener lets go without removing";
+    ASSERT_TRUE(endpoint.create(702));
+    endpoint.disconnect();
+    EXPECT_LT(msgget(702, 0), 0) << "an owner's queue goes with it";
+    EXPECT_EQ(peer.destroy(), 0);
+    EXPECT_LT(msgget(701, 0), 0);
+    testing::internal::GetCapturedStderr();
+}
+
+TEST_F(EventQueue, PosixQueueFullOversizeAndRemovedWhileOpen) {
+    NPosixMsgQ queue, reader;
+    char buf[64];
+    unsigned int priority = 0;
+    std::string too_long = "/" + std::string(300, 'n'), oversize(65, 'o');
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(queue.create(too_long.c_str(), 2, 64));
+    EXPECT_FALSE(queue.open(too_long.c_str()));
+    EXPECT_FALSE(queue.open("/ppl-absent"));
+    EXPECT_FALSE(queue.create("/ppl-none", 0, 64)) << "room for no message";
+    ASSERT_TRUE(queue.create("/ppl-test", 2, 64));
+    EXPECT_EQ(queue.getMsgBufferSize(), 64);
+    EXPECT_TRUE(queue.send("a", 1, 0));
+    EXPECT_TRUE(queue.send("bb", 2, 5));
+    EXPECT_FALSE(queue.send("c", 1, 0)) << "full: refused without waiting";
+    EXPECT_FALSE(queue.send(oversize.data(), oversize.size(), 0)) << "longer than a message";
+    EXPECT_EQ(queue.getNumMessages(), 2);
+    EXPECT_EQ(queue.recv(buf, 8, &priority), -1) << "a buffer smaller than a message";
+    EXPECT_EQ(queue.recv(buf, sizeof(buf), &priority), 2) << "the higher priority first";
+    EXPECT_EQ(priority, 5u);
+
+    ASSERT_TRUE(reader.open("/ppl-test"));
+    EXPECT_TRUE(queue.destroy());
+    EXPECT_FALSE(NPosixMsgQ().open("/ppl-test")) << "the name is gone";
+    EXPECT_EQ(reader.recv(buf, sizeof(buf), nullptr), 1) << "what is open stays usable";
+    EXPECT_EQ(reader.recv(buf, sizeof(buf), nullptr), -1) << "empty";
+    EXPECT_FALSE(queue.destroy()) << "nothing left to remove";
+    EXPECT_FALSE(reader.destroy());
+    EXPECT_FALSE(reader.send("x", 1, 0));
+    EXPECT_EQ(reader.recv(buf, sizeof(buf), nullptr), -1);
+    EXPECT_EQ(reader.getNumMessages(), -1);
+    EXPECT_EQ(reader.getMsgBufferSize(), -1);
+    std::string log = testing::internal::GetCapturedStderr();
+    for (const char* operation : {"create", "open", "send", "recv", "destroy", "getAttr"})
+        EXPECT_NE(log.find(std::string(":") + operation + "()\t["), std::string::npos) << operation;
+}

@@ -45,6 +45,7 @@ check_install "$stage" env DESTDIR="$stage" cmake --install "$build" --prefix /u
 ./usr/$libdir/libUBrandLAPIClient.so
 ./usr/$libdir/libUBrandLAPIClient.so.1
 ./usr/lib/systemd/system/pplcounter.service
+./usr/lib/tmpfiles.d/pplcounter.conf
 ./usr/sbin/pplcounter
 ./usr/share/doc/pplcounter/CHANGELOG.md
 ./usr/share/doc/pplcounter/LICENSE
@@ -64,6 +65,7 @@ check_install "$prefix" cmake --install "$build" --prefix "$prefix" --component 
 ./$libdir/libTarn3DPCAPIClient.so.1
 ./$libdir/libUBrandLAPIClient.so.1
 ./lib/systemd/system/pplcounter.service
+./lib/tmpfiles.d/pplcounter.conf
 ./sbin/pplcounter
 ./share/doc/pplcounter/CHANGELOG.md
 ./share/doc/pplcounter/LICENSE
@@ -75,6 +77,14 @@ unit=$prefix/lib/systemd/system/pplcounter.service
 grep -qx "DAEMON=$prefix/sbin/pplcounter" "$prefix/etc/init.d/pplcounter" || fail "init script for $prefix"
 grep -qx "ExecStart=$prefix/sbin/pplcounter" "$unit" || fail "unit for $prefix"
 [ -x "$prefix/sbin/pplcounter" ] || fail "the installed service is not executable"
+
+# A static build links no shared object, so it refuses the makers' client
+# libraries at configure time, before anything is built.
+src=$(sed -n 's/^CMAKE_HOME_DIRECTORY:[A-Z]*=//p' "$build/CMakeCache.txt")
+out=$(cmake -S "$src" -B "$work/static" -DPPL_STATIC=ON -DPPL_VENDOR_DIR="$work" 2>&1) &&
+    fail "PPL_STATIC with PPL_VENDOR_DIR was configured"
+grep -q "PPL_STATIC cannot link the camera makers' client libraries" <<<"$out" ||
+    fail "PPL_STATIC with PPL_VENDOR_DIR refused without saying why: $out"
 
 if command -v systemd-analyze >/dev/null; then
     out=$(systemd-analyze verify "$unit" 2>&1) || fail "systemd-analyze verify: $out"

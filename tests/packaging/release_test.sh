@@ -32,6 +32,7 @@ usr/bin/pplctl
 usr/$libdir/libTarn3DPCAPIClient.so.1
 usr/$libdir/libUBrandLAPIClient.so.1
 usr/lib/systemd/system/pplcounter.service
+usr/lib/tmpfiles.d/pplcounter.conf
 usr/sbin/pplcounter
 usr/share/doc/pplcounter/CHANGELOG.md
 usr/share/doc/pplcounter/LICENSE

@@ -104,11 +104,16 @@ TEST_F(ServiceTest, ThreeDpcReadsGroupZeroEvenWithoutGroupsAndRunsOnlyForCameraZ
     cfg["SERV_PPL_IN_0_CAM"] = "0";
     Load(cfg);
     EXPECT_TRUE(svc_->counter_3dpc->is_running());
+    char reply[256] = {0};
+    EXPECT_FALSE(svc_->ParseCmd("action=ppl_clear_counts&group=0", reply)) << "never connected";
     EXPECT_EQ(svc_->counter_3dpc->get_dir(), PPL_DIR_OUT) << "one counter, in 0 then out 1";
 
     cfg.erase("SERV_PPL_TYPE");
     Load(cfg);
     EXPECT_EQ(svc_->use_3dpc, 1u) << "a missing type keeps the previous kind";
+    cfg["SERV_PPL_ENABLE"] = "0";
+    Load(cfg);
+    EXPECT_FALSE(svc_->counter_3dpc->is_running()) << "counting off stops the 3DPC counter too";
 }
 
 TEST_F(ServiceTest, IncompleteSettingsKeepTheGroupsEarlierSettings) {

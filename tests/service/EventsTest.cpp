@@ -44,6 +44,9 @@ TEST_F(CountCallback, AlarmsLatchAgainstEachOtherNotAgainstTheLimits) {
     EXPECT_THAT(Report(1), ElementsAre("event=ppl_count&in0=1&out0=0&stayin0=1"));
     EXPECT_THAT(Report(10), ElementsAre("event=ppl_stayin_over&group=0&limit=10",
                                         "event=ppl_count&in0=10&out0=0&stayin0=10"));
+    EXPECT_THAT(Report(2), ElementsAre("event=ppl_stayin_under&group=0&limit=2",
+                                       "event=ppl_count&in0=2&out0=0&stayin0=2"))
+        << "each over alarm makes the next under alarm due again";
 }
 
 TEST_F(CountCallback, OverWinsWhenBothLimitsAreMetAndDefaultsAlarmAtOnce) {
@@ -124,15 +127,17 @@ TEST_F(ServiceTest, ResetSetsTheRestartBitAndConfigChangeTheReloadFlag) {
         << out;
 }
 
-TEST_F(ServiceTest, ClearWithAnIncompletePairContactsNoCamera) {
+TEST_F(ServiceTest, ClearAndResetWithAnIncompletePairContactNoCamera) {
     auto cfg = BaseLapiConfig();
     cfg.erase("SERV_PPL_IN_0_CAM");
     Load(cfg);
     ::testing::internal::CaptureStdout();
     char reply[256] = {0};
     EXPECT_FALSE(svc_->ParseCmd("action=ppl_clear_counts&group=0", reply));
+    EXPECT_TRUE(svc_->ParseCmd("action=ppl_reset_service&group=0", reply));
     std::string out = ::testing::internal::GetCapturedStdout();
     EXPECT_EQ(out.find("PPL Cam config is incomplete"), std::string::npos) << out;
+    EXPECT_NE(out.find("Camera group is incomplete\n"), std::string::npos) << out;
 }
 
 TEST_F(ServiceTest, RestartBitOfAGroupBeyondTheCountIsClearedWithoutARequest) {

@@ -146,6 +146,29 @@ void ReopenBuildTree() {
     close(fd);
 }
 
+// A coverage build's programs add their counters at exit to files at the
+// build tree's own path: where a fresh tmpfs now covers it, the tree is bound
+// back in place, so that this process and every program it starts still
+// reach them.
+bool KeepBuildTreeInPlace(std::string* why) {
+#ifdef PPL_COVERAGE_BUILD
+    std::error_code error;
+    if (std::filesystem::exists(PPL_BINARY_DIR, error))
+        return true;
+    if (!std::filesystem::create_directories(PPL_BINARY_DIR, error)) {
+        *why = "mkdir " PPL_BINARY_DIR ": " + error.message();
+        return false;
+    }
+    if (mount(BuiltFile(".").c_str(), PPL_BINARY_DIR, nullptr, MS_BIND, nullptr) != 0) {
+        *why = ErrnoText("bind the build tree back at " PPL_BINARY_DIR);
+        return false;
+    }
+#else
+    (void)why;
+#endif
+    return true;
+}
+
 }  // namespace
 
 bool EnterIpcNamespace(std::string* why) {
@@ -173,7 +196,7 @@ bool EnterSandbox(std::string* why) {
     ReopenBuildTree();
     // /run holds the instance lock, which would otherwise be the host's.
     if (!MountTmpfs("/opt", "1777", why) || !MountTmpfs("/tmp", "1777", why) ||
-        !MountTmpfs("/run", "0755", why))
+        !MountTmpfs("/run", "0755", why) || !KeepBuildTreeInPlace(why))
         return false;
     // Keep the service's syslog lines off the host's logger (they are
     // copied to standard error anyway).

@@ -190,6 +190,36 @@ TEST(CheckConfig, EachProblemIsOneLineWithKeyValueAndConsequence) {
          "",
          {"SERV_PPL_STAYIN_0_OVER=5, SERV_PPL_STAYIN_0_UNDER=9: the over limit is not above the "
           "under limit; a stay-in that meets both raises the over alarm only."}},
+        {{{"SERV_PPL_TYPE", "<missing>"}},
+         "",
+         "",
+         {"SERV_PPL_TYPE is missing: the camera kind stays as it was (LAPI cameras when the "
+          "service starts)."}},
+        {{{"SERV_PPL_NUM", "<missing>"}},
+         "",
+         "",
+         {"SERV_PPL_NUM is missing: there is no counting group."}},
+        {{{"SERV_PPL_OUT_0_CAM", "<missing>"}},
+         "",
+         "",
+         {"SERV_PPL_OUT_0_CAM is missing: group 0 has no out camera; nobody is counted going out "
+          "and reset and clear commands are refused.",
+          "SERV_PPL_CAM_1_IP=127.0.0.1: camera 1 is used by no group; the service never connects "
+          "to it."}},
+        {{{"SERV_PPL_TYPE", "3DPCV2"}, {"SERV_PPL_IN_0_CAM", "1"}},
+         "",
+         "",
+         {"SERV_PPL_IN_0_CAM/SERV_PPL_OUT_0_CAM: no side names camera 0, so the 3DPC counter is "
+          "not started.",
+          "SERV_PPL_CAM_1_IP=127.0.0.1: the service never reads camera 1's keys; the 3DPC "
+          "counter uses camera 0's only."}},
+        {{{"SERV_PPL_SETTINGS_0_RESET_TIME", "12:00:00.0000000"}},
+         "",
+         "",
+         {"SERV_PPL_SETTINGS_0_RESET_TIME=12:00:00.0000000: longer than 15 characters; the "
+          "service keeps \"12:00:00.000000\".",
+          "SERV_PPL_SETTINGS_0_RESET_TIME=12:00:00.0000000: not hours:minutes:seconds within "
+          "23:59:59; the cameras will be sent Hour=12&Min=0&Sec=0."}},
         {{},
          "# a comment line is skipped as meant\n",
          "just words\nSERV_PPL_NUM=2\n",
@@ -248,7 +278,15 @@ TEST(Pplctl, SpeaksForItselfWithoutAServiceAndOnUsageErrors) {
         {"", "pplctl: no command given (pplctl --help shows the usage)\n"},
         {"camera add 9",
          "pplctl: camera takes 'add N' or 'del N' with a channel 0 to 3 (pplctl "
-         "--help shows the usage)\n"}};
+         "--help shows the usage)\n"},
+        {"send",
+         "pplctl: send takes one command text, e.g. 'action=...' (pplctl --help shows "
+         "the usage)\n"},
+        {"--timeout 5s status",
+         "pplctl: --timeout needs milliseconds (pplctl --help shows the usage)\n"},
+        {"--seconds -1 watch",
+         "pplctl: --seconds needs a number (pplctl --help shows the usage)\n"},
+        {"--bogus status", "pplctl: unknown option --bogus (pplctl --help shows the usage)\n"}};
     for (const auto& u : usage) {
         run = Pplctl(u.args);
         EXPECT_EQ(run.status, 2) << u.args;
