@@ -52,6 +52,7 @@ if [ "$variant" = without-opt-user ]; then
 fi
 check "both cameras connected (status file and pplctl status)" wait_for 60 cameras_connected
 check "count events on queue 259" wait_for 30 count_events_after 0
+check_doctor
 
 # Bounded: a second service that did start would run until ended.
 out=$(timeout 10 /usr/sbin/pplcounter 2>&1)
