@@ -6,6 +6,12 @@
 
 #include "InstanceLock.h"
 #include "PPLCounter.h"
+#include "PPLVersion.h"
+
+// Which release this binary is, for `strings` on a recorder. The service
+// takes no options, so it never prints it; "used" keeps it in the binary
+// (stripping removes symbols, not this text).
+__attribute__((used)) extern const char kPplcounterVersion[] = "pplcounter " PPL_VERSION;
 
 int main() {
     InstanceLock lock;

@@ -79,9 +79,13 @@ const char* OwnedFile::Kind(mode_t mode) {
 }
 
 std::string OwnedFile::WhyNotOwn(const struct stat& st) {
+    return WhyNotOwnedBy(st, geteuid());
+}
+
+std::string OwnedFile::WhyNotOwnedBy(const struct stat& st, uid_t owner) {
     if (!S_ISREG(st.st_mode))
         return Kind(st.st_mode);
-    if (st.st_uid != geteuid())
+    if (st.st_uid != owner)
         return "owned by user " + std::to_string(st.st_uid);
     if (st.st_nlink != 1)
         return std::to_string(st.st_nlink) + " links to one file";
@@ -90,6 +94,11 @@ std::string OwnedFile::WhyNotOwn(const struct stat& st) {
 
 OwnedFile::Read OwnedFile::Load(const std::string& path, long max_bytes, std::string* text,
                                 std::string* why) {
+    return LoadOwnedBy(geteuid(), path, max_bytes, text, why);
+}
+
+OwnedFile::Read OwnedFile::LoadOwnedBy(uid_t owner, const std::string& path, long max_bytes,
+                                       std::string* text, std::string* why) {
     text->clear();
     // Non-blocking: opening a FIFO for reading must not wait for a writer.
     Descriptor fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -105,7 +114,7 @@ OwnedFile::Read OwnedFile::Load(const std::string& path, long max_bytes, std::st
         *why = "cannot be examined: " + UError::Text(errno);
         return Read::Refused;
     }
-    *why = WhyNotOwn(st);
+    *why = WhyNotOwnedBy(st, owner);
     if (why->empty() && st.st_size >= max_bytes)
         *why = std::to_string(static_cast<long long>(st.st_size)) + " bytes, over the limit of " +
                std::to_string(max_bytes);

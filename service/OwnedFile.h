@@ -23,12 +23,18 @@ public:
     // Why a file with these attributes is not this process's own (a regular
     // file of its user with one link): "" when it is.
     static std::string WhyNotOwn(const struct stat& st);
+    // The same for a file that must be another user's own (the service's,
+    // looked at by a tool that runs as someone else).
+    static std::string WhyNotOwnedBy(const struct stat& st, uid_t owner);
 
     // Reads the whole file at path into *text when it is this process's own
     // and smaller than max_bytes. Missing: there is nothing at path.
     // Refused: *why says in a few words what is there instead (or why it
     // could not be opened); *text is then empty.
     static Read Load(const std::string& path, long max_bytes, std::string* text, std::string* why);
+    // Load for a file that must be owner's own.
+    static Read LoadOwnedBy(uid_t owner, const std::string& path, long max_bytes, std::string* text,
+                            std::string* why);
 
     // Writes text to a new file beside path (created exclusively, with mode)
     // and renames it over path. False when any step fails; path is then as

@@ -27,6 +27,16 @@ doc_block() {
         state == 2 && !/^#/ { print }' "$2"
 }
 
+# example_for_camsim EXAMPLE: prints the installed example configuration,
+# written for a recorder's cameras, pointed at the checks' simulated ones
+# (camsim on loopback, ports 8001 and 8002, account admin:admin) as the
+# integration guide's by-hand commands point it.
+example_for_camsim() {
+    sed -e 's/^\(SERV_PPL_CAM_[01]_IP\)=.*/\1=127.0.0.1/' \
+        -e 's/^\(SERV_PPL_CAM_[01]_PASSWORD\)=.*/\1=admin/' \
+        -e 's/^\(SERV_PPL_CAM_0_HTTP\)=.*/\1=8001/' -e 's/^\(SERV_PPL_CAM_1_HTTP\)=.*/\1=8002/' "$1"
+}
+
 # report CONSOLE_LOG: prints the guest's check and verdict lines; passes
 # only on its "verdict: PASS" line, else shows the console log's last lines.
 report() {

@@ -54,7 +54,8 @@ for applet in $(qemu-arm "$img/bin/busybox" --list-full); do
 done
 ln -s ../run "$img/var/run"
 cp "$here/guest/checks.sh" "$here/guest/busybox-check.sh" "$img/usr/local/lib/ppl-boot/"
-cp "$img/usr/share/doc/pplcounter/ZV318System.ini.example" "$img/opt/user/ZV318/INIT/ZV318System.ini"
+example_for_camsim "$img/usr/share/doc/pplcounter/ZV318System.ini.example" \
+    >"$img/opt/user/ZV318/INIT/ZV318System.ini"
 # A small log cap, so that the log rotates while the cameras walk.
 echo PPLCOUNTER_LOG_MAX=8192 >"$img/etc/default/pplcounter"
 

@@ -31,6 +31,7 @@ DESTDIR=$root cmake --install "$build" --prefix /usr >/dev/null
 guest=$root/usr/local/lib/ppl-boot
 mkdir -p "$guest"
 cp "$here/guest/checks.sh" "$here/guest/systemd-check.sh" "$guest/"
+example_for_camsim "$root/usr/share/doc/pplcounter/ZV318System.ini.example" >"$guest/ZV318System.ini"
 cat >"$root/etc/systemd/system/ppl-boot-check.service" <<EOF2
 [Unit]
 Description=pplcounter boot checks

@@ -2,9 +2,9 @@
 # The installed init script as a recorder runs it: BusyBox sh with only BusyBox
 # applets on PATH, in private namespaces, starting the installed binary beside
 # it. Process id files naming an unrelated live process, a log path that is a
-# link, start, status, a killed service started again, a log kept under its
-# cap while cameras send events fast, stop, and stop of a service that
-# ignores SIGTERM.
+# link, start, status, a killed service started again (with a stamped note), a
+# log kept under its cap while cameras send events fast, stop, and stop of a
+# service that ignores SIGTERM.
 # Usage: initscript_test.sh SOURCE_DIR BUILD_DIR
 set -euo pipefail
 src=$1 build=$2
@@ -96,9 +96,10 @@ first=$(service_pid)
 kill -9 "$first"
 start=$(date +%s%N)
 # No camera runs yet, so the service logs little and the note stays in the
-# log long enough to be seen, however slow the machine.
+# log long enough to be seen, however slow the machine. It is stamped as the
+# service's own lines are.
 restart_logged() {
-    grep -qs "pplcounter: ended with status 137; starting it again" \
+    grep -Eqs '^\[[A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9][0-9] [0-9]{2}:[0-9]{2}:[0-9]{2} [0-9]{4}\] pplcounter: ended with status 137; starting it again$' \
         /tmp/log/pplcounter.log.1 /tmp/log/pplcounter.log
 }
 wait_for 30 restart_logged ||

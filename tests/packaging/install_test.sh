@@ -47,6 +47,8 @@ check_install "$stage" env DESTDIR="$stage" cmake --install "$build" --prefix /u
 ./usr/lib/systemd/system/pplcounter.service
 ./usr/lib/tmpfiles.d/pplcounter.conf
 ./usr/sbin/pplcounter
+./usr/share/doc/pplcounter/CHANGELOG.md
+./usr/share/doc/pplcounter/LICENSE
 ./usr/share/doc/pplcounter/ZV318System.ini.example
 ./usr/share/man/man1/camsim.1
 ./usr/share/man/man1/pplctl.1
@@ -58,13 +60,17 @@ grep -qx 'ExecStart=/usr/sbin/pplcounter' "$stage/usr/lib/systemd/system/pplcoun
 
 prefix=$work/prefix
 check_install "$prefix" cmake --install "$build" --prefix "$prefix" --component runtime <<EOF2
+./bin/pplctl
 ./etc/init.d/pplcounter
 ./$libdir/libTarn3DPCAPIClient.so.1
 ./$libdir/libUBrandLAPIClient.so.1
 ./lib/systemd/system/pplcounter.service
 ./lib/tmpfiles.d/pplcounter.conf
 ./sbin/pplcounter
+./share/doc/pplcounter/CHANGELOG.md
+./share/doc/pplcounter/LICENSE
 ./share/doc/pplcounter/ZV318System.ini.example
+./share/man/man1/pplctl.1
 ./share/man/man8/pplcounter.8
 EOF2
 unit=$prefix/lib/systemd/system/pplcounter.service

@@ -21,7 +21,7 @@ cp "$src/docs/ZV318System.ini.example" "$work/docs/"
 out=$(cd "$work" && unshare --ipc --mount --net --map-root-user bash -e -c "$commands" 2>&1) ||
     fail "the commands failed: $out"
 echo "$out"
-for want in "No problems found." "in camera:  connect" "out camera: connect" "PPL.StayIn0.Count" \
+for want in "No problems found." "doctor: all 10 checks passed" "in camera:  connect" "out camera: connect" "PPL.StayIn0.Count" \
     "counts cleared: the cameras took the clear request" \
     "reset requested; the cameras get the enable request within 5 s" "event=ppl_count&in0=" \
     "pplcounter ended with status 0"; do

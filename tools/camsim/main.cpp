@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "CameraSim.h"
+#include "PPLVersion.h"
 
 namespace {
 
@@ -67,6 +68,7 @@ void PrintHelp() {
         "  --start-in N        initial in total (default 0)\n"
         "  --start-out N       initial out total (default 0)\n"
         "  --verbose           also print every request received\n"
+        "  --version           the release of camsim\n"
         "  --help              this text\n"
         "\n"
         "Prints one line per camera when it listens, one per event sent and one per\n"
@@ -97,12 +99,16 @@ bool ToLong(const char* text, long* value) {
     return errno == 0 && end != text && *end == '\0';
 }
 
-// Returns 0 to run, 1 after --help, 2 on a usage error.
+// Returns 0 to run, 1 after --help or --version, 2 on a usage error.
 int ParseArgs(int argc, char** argv, Options* opt) {
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
         if (arg == "--help" || arg == "-h") {
             PrintHelp();
+            return 1;
+        }
+        if (arg == "--version") {
+            std::printf("camsim %s\n", PPL_VERSION);
             return 1;
         }
         if (arg == "--verbose") {

@@ -4,29 +4,27 @@
 #include <errno.h>
 #include <sys/stat.h>
 
-#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sstream>
 
+#include "ConfigFile.h"
 #include "PPLConstants.h"
 #include "PPLSettingsRequest.h"
 #include "SAttr.h"
+
+using configfile::Shown;
 
 namespace {
 
 constexpr int kCameraIndexes = 32;  // 3DPC: indexes 0 to 31 name the one counter
 constexpr size_t kLargestFile = 1 << 20;
+const char* const kCameraTails[] = {"_IP", "_HTTP", "_USERNAME", "_PASSWORD"};
 
 std::string Key(const char* head, int number, const char* tail) {
     return head + std::to_string(number) + tail;
-}
-
-std::string Trim(const std::string& s) {
-    size_t b = s.find_first_not_of(" \t\r\n\f\v"), e = s.find_last_not_of(" \t\r\n\f\v");
-    return b == std::string::npos ? "" : s.substr(b, e - b + 1);
 }
 
 // The whole text is a base-10 number, as a person writing the file means it.
@@ -39,16 +37,41 @@ bool IsNumber(const std::string& text) {
     return *end == '\0' && errno == 0;
 }
 
+// hours:minutes:seconds, each one or two digits and within its range.
+bool IsTimeOfDay(const std::string& text) {
+    int parts[3], used = 0;
+    char tail;
+    if (text.find_first_not_of("0123456789:") != std::string::npos || text.size() > 8 ||
+        sscanf(text.c_str(), "%2d:%2d:%2d%n%c", &parts[0], &parts[1], &parts[2], &used, &tail) != 3)
+        return false;
+    return used == static_cast<int>(text.size()) && parts[0] <= 23 && parts[1] <= 59 &&
+           parts[2] <= 59;
+}
+
+// "Hour=3&Min=0&Sec=0" of a settings request: what the cameras are sent.
+std::string SentTime(const std::string& request) {
+    size_t from = request.find("Hour="), to = request.find("&Sensitivity=");
+    return request.substr(from, to - from);
+}
+
+// The same as a clock shows it: "3:00:00".
+std::string ClockTime(const std::string& sent) {
+    int h = 0, m = 0, s = 0;
+    sscanf(sent.c_str(), "Hour=%d&Min=%d&Sec=%d", &h, &m, &s);
+    char text[48];
+    snprintf(text, sizeof(text), "%d:%02d:%02d", h, m, s);
+    return text;
+}
+
 class Checker {
 public:
     Checker(SAttr& ini, ConfigReport& report) : ini_(ini), r_(report) {}
 
     void Run() {
         if (!ReadEnable())
-            return;  // the service reads no other key
+            return;
         bool tdpc = ReadKind();
-        unsigned groups = ReadGroupCount(tdpc);
-        if (groups == 0) {
+        if (ReadGroupCount(tdpc) == 0) {
             Say("No counting group: no camera is started and nothing is counted.");
             return;
         }
@@ -57,7 +80,11 @@ public:
 
 private:
     bool Has(const std::string& key) { return ini_.HasKey(key.c_str()); }
-    std::string Value(const std::string& key) { return ini_.GetKeyValue(key.c_str()); }
+    std::string Value(const std::string& key) {
+        const char* value = ini_.GetKeyValue(key.c_str());
+        return value != nullptr ? value : "";
+    }
+    std::string KeyValue(const std::string& key) { return key + "=" + Shown(key, Value(key)); }
     void Say(const std::string& line) { r_.lines.push_back(line); }
     void Problem(const std::string& line) {
         for (const auto& known : r_.problems)
@@ -68,54 +95,77 @@ private:
 
     // The value as the service reads it (base-10, leading digits), with a
     // problem when the text is not a plain number.
-    int Number(const std::string& key) {
+    int Number(const std::string& key, const std::string& consequence = "") {
         int value = ini_.GetIntValue(key.c_str(), 10);
         if (!IsNumber(Value(key)))
-            Problem(key + "=" + Value(key) + ": not a number; the service reads it as " +
-                    std::to_string(value) + ".");
+            Problem(KeyValue(key) + ": not a number; the service reads it as " +
+                    std::to_string(value) + consequence + ".");
         return value;
     }
 
+    bool OtherServiceKeys() {
+        for (const auto& kv : ini_.GetRawData())
+            if (configfile::IsServiceKey(kv.first) && kv.first != "SERV_PPL_ENABLE")
+                return true;
+        return false;
+    }
+
+    // Counting off by a plain 0 is meant: the rest is checked only when the
+    // file configures counting at all. Off by a missing or unreadable value
+    // is a mistake, and everything else is checked as it will be read once
+    // counting is on.
     bool ReadEnable() {
-        if (!Has("SERV_PPL_ENABLE")) {
-            Problem("SERV_PPL_ENABLE is missing: counting is off and every camera is stopped.");
-            return false;
+        const std::string key = "SERV_PPL_ENABLE";
+        const char* off = ": counting is off and every camera is stopped";
+        int enable = 0;
+        if (!Has(key))
+            Problem(key + " is missing" + off + ".");
+        else
+            enable = Number(key, ini_.GetIntValue(key.c_str(), 10) == 0 ? off : "");
+        r_.counting = enable != 0;
+        if (enable != 0) {
+            Say("Counting is on (" + KeyValue(key) + ").");
+            return true;
         }
-        int enable = Number("SERV_PPL_ENABLE");
-        Say(enable != 0 ? "Counting is on (SERV_PPL_ENABLE=" + Value("SERV_PPL_ENABLE") + ")."
-                        : "Counting is off (SERV_PPL_ENABLE=0): every camera is stopped and no "
-                          "other key is read.");
-        return enable != 0;
+        Say("Counting is off: every camera is stopped and no other key is read.");
+        if (!OtherServiceKeys())
+            return false;
+        Say("The other keys are checked as the service will read them once counting is on.");
+        return true;
     }
 
     bool ReadKind() {
-        if (!Has("SERV_PPL_TYPE")) {
-            Problem(
-                "SERV_PPL_TYPE is missing: the camera kind stays as it was (LAPI cameras "
-                "when the service starts).");
-            Say("Cameras: LAPI cameras (channels 0 to 3).");
+        const std::string key = "SERV_PPL_TYPE";
+        const char* lapi = "LAPI cameras, channels 0 to 3";
+        if (!Has(key)) {
+            Problem(key +
+                    " is missing: the camera kind stays as it was (LAPI cameras when the service "
+                    "starts).");
+            Say(std::string("Cameras: ") + lapi + ".");
             return false;
         }
-        bool tdpc = Value("SERV_PPL_TYPE") == "3DPCV2";
-        Say(tdpc ? "Cameras: the 3DPC V2 counter (SERV_PPL_TYPE=3DPCV2)."
-                 : "Cameras: LAPI cameras, channels 0 to 3 (SERV_PPL_TYPE=" +
-                       Value("SERV_PPL_TYPE") + ").");
+        bool tdpc = Value(key) == "3DPCV2";
+        if (!tdpc && Value(key) != "LAPI")
+            Problem(KeyValue(key) +
+                    ": only \"3DPCV2\" selects the 3DPC counter; the service uses " + lapi + ".");
+        Say(tdpc ? "Cameras: the 3DPC V2 counter (" + KeyValue(key) + ")."
+                 : "Cameras: " + std::string(lapi) + " (" + KeyValue(key) + ").");
         return tdpc;
     }
 
     unsigned ReadGroupCount(bool tdpc) {
+        const std::string key = "SERV_PPL_NUM";
         unsigned groups = 0;
-        if (!Has("SERV_PPL_NUM")) {
+        if (!Has(key)) {
             if (!tdpc)
-                Problem("SERV_PPL_NUM is missing: there is no counting group.");
+                Problem(key + " is missing: there is no counting group.");
         } else {
-            std::string text = Value("SERV_PPL_NUM");
-            groups = ini_.GetUIntValue("SERV_PPL_NUM", 10);
-            if (!IsNumber(text))
-                Problem("SERV_PPL_NUM=" + text + ": not a number; the service reads it as " +
+            groups = ini_.GetUIntValue(key.c_str(), 10);
+            if (!IsNumber(Value(key)))
+                Problem(KeyValue(key) + ": not a number; the service reads it as " +
                         std::to_string(groups) + ".");
             if (groups > 1)
-                Problem("SERV_PPL_NUM=" + text +
+                Problem(KeyValue(key) +
                         ": the service counts one group at most; it uses group 0 only.");
         }
         return tdpc ? 1 : (groups > 1 ? 1 : groups);
@@ -124,18 +174,15 @@ private:
     // Returns the camera index the group uses for one side, or -1.
     int ReadSide(bool tdpc, bool in) {
         std::string key = Key(in ? "SERV_PPL_IN_" : "SERV_PPL_OUT_", 0, "_CAM");
-        const char* side = in ? "in" : "out";
         if (!Has(key)) {
-            Problem(key + " is missing: group 0 has no " + side + " camera; nobody is counted " +
-                    (in ? "coming in" : "going out") +
-                    " and reset and clear commands are "
-                    "refused.");
+            Problem(key + " is missing: group 0 has no " + (in ? "in" : "out") +
+                    " camera; nobody is counted " + (in ? "coming in" : "going out") +
+                    " and reset and clear commands are refused.");
             return -1;
         }
         int c = Number(key);
-        int limit = tdpc ? kCameraIndexes : ppl::kLapiCounters;
-        if (c < 0 || c >= limit) {
-            Problem(key + "=" + Value(key) + ": the service ignores this camera (" +
+        if (c < 0 || c >= (tdpc ? kCameraIndexes : ppl::kLapiCounters)) {
+            Problem(KeyValue(key) + ": the service ignores this camera (" +
                     (tdpc ? "indexes 0 to 31" : "LAPI channels are 0 to 3") + ").");
             return -1;
         }
@@ -144,71 +191,145 @@ private:
 
     void ReadGroup(bool tdpc) {
         int in = ReadSide(tdpc, true), out = ReadSide(tdpc, false);
-        auto describe = [&](int c, const char* dir) {
-            return "camera " + std::to_string(c) + " (" + dir + ", " + Address(tdpc, c) + ")";
-        };
-        if (in >= 0 && in == out)
-            Say("Group 0: camera " + std::to_string(in) + " counts both ways (dual, " +
-                Address(tdpc, in) + ").");
-        else
-            Say("Group 0: in " + (in >= 0 ? describe(in, "in") : std::string("none")) + ", out " +
-                (out >= 0 ? describe(out, "out") : std::string("none")) + ".");
-        if (tdpc && in != 0 && out != 0 && (in >= 0 || out >= 0))
-            Problem(
-                "SERV_PPL_IN_0_CAM/SERV_PPL_OUT_0_CAM: no side names camera 0, so the 3DPC "
-                "counter is not started.");
+        DescribeCameras(tdpc, in, out);
+        CheckUnusedCameras(tdpc, in, out);
         ReadLimits();
         _PPL_CAM_SETTINGS settings;
-        if (!ReadSettings(settings))
+        if (!ReadSettings(tdpc, settings))
             return;
         if (tdpc) {
             Say("The 3DPC counter takes the report interval directly; no settings request is "
                 "sent.");
             return;
         }
-        std::string request = PPL_Settings_Request_Text(settings);
-        if (in >= 0)
-            Say("Settings request to camera " + std::to_string(in) + ": " + request);
+        std::string cameras = in >= 0 ? "camera " + std::to_string(in) : "";
         if (out >= 0 && out != in)
-            Say("Settings request to camera " + std::to_string(out) + ": " + request);
+            cameras += (cameras.empty() ? "camera " : " and camera ") + std::to_string(out);
+        if (!cameras.empty())
+            Say("Settings for " + cameras +
+                ", pushed to the cameras when they change on a reload, never at start: " +
+                PPL_Settings_Request_Text(settings));
     }
 
-    std::string Address(bool tdpc, int c) {
+    void DescribeCameras(bool tdpc, int in, int out) {
+        if (in >= 0 && in == out) {
+            Say("Group 0: camera " + std::to_string(in) + " counts both ways (dual, " +
+                Use(tdpc, in, true, true) + ").");
+        } else {
+            // One after the other, so that the cameras are checked in this order.
+            std::string in_text = in >= 0 ? "camera " + std::to_string(in) + " (in, " +
+                                                Use(tdpc, in, true, false) + ")"
+                                          : "none";
+            std::string out_text = out >= 0 ? "camera " + std::to_string(out) + " (out, " +
+                                                  Use(tdpc, out, false, true) + ")"
+                                            : "none";
+            Say("Group 0: in " + in_text + ", out " + out_text + ".");
+        }
+        if (tdpc && in != 0 && out != 0 && (in >= 0 || out >= 0))
+            Problem(
+                "SERV_PPL_IN_0_CAM/SERV_PPL_OUT_0_CAM: no side names camera 0, so the 3DPC "
+                "counter is not started.");
+    }
+
+    // Records the camera the service connects to for one side and checks its
+    // keys; returns its address and port for the description.
+    std::string Use(bool tdpc, int c, bool in, bool out) {
         if (tdpc)
             c = 0;  // the one 3DPC counter uses camera 0's keys
-        std::string ip_key = Key("SERV_PPL_CAM_", c, "_IP"),
-                    port_key = Key("SERV_PPL_CAM_", c, "_HTTP");
-        std::string ip = Has(ip_key) ? Value(ip_key) : "",
-                    port = Has(port_key) ? Value(port_key) : "";
-        in_addr probe;
-        if (ip.empty())
-            Problem(ip_key + " is missing: camera " + std::to_string(c) +
-                    " has no address and its counter cannot connect.");
-        else if (inet_pton(AF_INET, ip.c_str(), &probe) != 1)
-            Problem(ip_key + "=" + ip +
-                    ": not a dotted IPv4 address; the service cannot reach "
-                    "the camera (host names are not looked up).");
-        if (port.empty())
-            Problem(port_key + " is missing: camera " + std::to_string(c) + " has no port.");
-        else
-            CheckPort(port_key, tdpc);
-        for (const char* tail : {"_USERNAME", "_PASSWORD"}) {
-            std::string key = Key("SERV_PPL_CAM_", c, tail);
-            if (!Has(key))
-                Problem(key + " is missing: settings, enable and clear requests to camera " +
-                        std::to_string(c) + " fail (\"PPL Cam config is incomplete\").");
+        CameraUse* use = nullptr;
+        for (auto& known : r_.cameras)
+            use = known.index == c ? &known : use;
+        if (use == nullptr) {
+            r_.cameras.push_back(CameraUse());
+            use = &r_.cameras.back();
+            use->index = c;
+            CheckCameraKeys(c, in ? "SERV_PPL_IN_0_CAM" : "SERV_PPL_OUT_0_CAM", use);
         }
-        return (ip.empty() ? "no address" : ip) + ":" + (port.empty() ? "no port" : port);
+        use->in |= in;
+        use->out |= out;
+        return (use->address.empty() ? "no address" : use->address) + ":" +
+               (use->port == 0 ? "no port" : std::to_string(use->port));
     }
 
-    void CheckPort(const std::string& key, bool tdpc) {
-        int port = Number(key);
-        if (port >= 1 && port <= 65535)
+    void CheckCameraKeys(int c, const std::string& naming_key, CameraUse* use) {
+        std::string prefix = Key("SERV_PPL_CAM_", c, "");
+        bool any = false;
+        for (const char* tail : kCameraTails)
+            any |= Has(prefix + tail);
+        if (!any) {
+            Problem(KeyValue(naming_key) + ": camera " + std::to_string(c) + " has no keys (" +
+                    prefix +
+                    "_IP, _HTTP, _USERNAME, _PASSWORD); its counter cannot connect and "
+                    "every request to it fails.");
             return;
-        int used = static_cast<unsigned short>(port);
-        Problem(key + "=" + Value(key) + ": port outside 1-65535; " +
-                (tdpc ? std::string("the 3DPC client library is given the text as it is.")
-                      : "the service would connect to port " + std::to_string(used) + "."));
+        }
+        use->address = CheckAddress(prefix + "_IP", c);
+        if (!Has(prefix + "_HTTP"))
+            Problem(prefix + "_HTTP is missing: camera " + std::to_string(c) + " has no port.");
+        else
+            use->port = CheckPort(prefix + "_HTTP");
+        for (const char* tail : {"_USERNAME", "_PASSWORD"})
+            CheckAccount(prefix + tail, c);
+    }
+
+    std::string CheckAddress(const std::string& key, int c) {
+        in_addr probe;
+        if (!Has(key))
+            Problem(key + " is missing: camera " + std::to_string(c) +
+                    " has no address and its counter cannot connect.");
+        else if (inet_pton(AF_INET, Value(key).c_str(), &probe) != 1)
+            Problem(KeyValue(key) +
+                    ": not a dotted IPv4 address; the service cannot reach the camera (host "
+                    "names are not looked up).");
+        return Value(key);
+    }
+
+    int CheckPort(const std::string& key) {
+        int port = Number(key);
+        if (port < 1 || port > 65535)
+            Problem(KeyValue(key) + ": port outside 1-65535; the service would connect to port " +
+                    std::to_string(static_cast<unsigned short>(port)) + ".");
+        return port;
+    }
+
+    // The account goes to the camera byte for byte: a word processor's
+    // quotes or a stray tab make the camera refuse it.
+    void CheckAccount(const std::string& key, int c) {
+        if (!Has(key)) {
+            Problem(key + " is missing: settings, enable and clear requests to camera " +
+                    std::to_string(c) + " fail (\"PPL Cam config is incomplete\").");
+            return;
+        }
+        for (unsigned char byte : Value(key)) {
+            if (byte >= 0x20 && byte < 0x7f)
+                continue;
+            Problem(KeyValue(key) + ": holds a " + (byte >= 0x80 ? "non-ASCII" : "control") +
+                    " byte (" + Shown("", std::string(1, static_cast<char>(byte))) +
+                    "); the service sends it as it is and the camera refuses every settings, "
+                    "enable and clear request.");
+            return;
+        }
+    }
+
+    // Camera keys that no group uses are never read: a camera meant to count
+    // that is not counting.
+    void CheckUnusedCameras(bool tdpc, int in, int out) {
+        for (int c = 0; c < ppl::kLapiCounters; ++c) {
+            if (tdpc ? c == 0 : (c == in || c == out))
+                continue;
+            for (const char* tail : kCameraTails) {
+                std::string key = Key("SERV_PPL_CAM_", c, tail);
+                if (!Has(key))
+                    continue;
+                std::string camera = "camera " + std::to_string(c);
+                Problem(KeyValue(key) + ": " +
+                        (tdpc
+                             ? "the service never reads " + camera +
+                                   "'s keys; the 3DPC counter uses camera 0's only."
+                             : camera + " is used by no group; the service never connects to it."));
+                break;
+            }
+        }
     }
 
     void ReadLimits() {
@@ -230,7 +351,7 @@ private:
 
     // The settings keys in the service's order; the first missing one skips
     // the rest of the group's settings.
-    bool ReadSettings(_PPL_CAM_SETTINGS& s) {
+    bool ReadSettings(bool tdpc, _PPL_CAM_SETTINGS& s) {
         memset(&s, 0, sizeof(s));
         static const char* const kTails[] = {"_RESET_ENABLE", "_RESET_TIME", "_REPORT_INTERVAL",
                                              "_SENSITIVITY", "_CLEAR_COUNT"};
@@ -244,51 +365,35 @@ private:
                         "settings request is sent.");
                 return false;
             }
-            if (numbers[i] != nullptr) {
+            if (numbers[i] != nullptr)
                 *numbers[i] = Number(key);
-            } else {
-                std::string text = Value(key);
-                if (text.size() >= sizeof(s.ResetTime))
-                    Problem(key + "=" + text + ": longer than 15 characters; the service keeps \"" +
-                            text.substr(0, sizeof(s.ResetTime) - 1) + "\".");
-                strncpy(s.ResetTime, text.c_str(), sizeof(s.ResetTime) - 1);
-            }
+            else
+                ReadResetTime(key, tdpc, s);
         }
-        Say(std::string("Settings: daily reset at ") + s.ResetTime + " (" +
-            (s.ResetEnable ? "on" : "off") + "), report interval " +
-            std::to_string(s.ReportInterval) + ", sensitivity " + std::to_string(s.Sensitivity) +
-            ", clear counts " + (s.ClearCounts ? "on: counts are cleared on every reload" : "off") +
-            ".");
+        std::string sent = ClockTime(SentTime(PPL_Settings_Request_Text(s)));
+        Say("Settings: daily reset at " + sent + " (" + (s.ResetEnable ? "on" : "off") +
+            "), report interval " + std::to_string(s.ReportInterval) + ", sensitivity " +
+            std::to_string(s.Sensitivity) + ", clear counts " +
+            (s.ClearCounts ? "on: counts are cleared on every reload" : "off") + ".");
         return true;
+    }
+
+    void ReadResetTime(const std::string& key, bool tdpc, _PPL_CAM_SETTINGS& s) {
+        std::string text = Value(key);
+        if (text.size() >= sizeof(s.ResetTime))
+            Problem(KeyValue(key) + ": longer than 15 characters; the service keeps \"" +
+                    Shown(key, text.substr(0, sizeof(s.ResetTime) - 1)) + "\".");
+        strncpy(s.ResetTime, text.c_str(), sizeof(s.ResetTime) - 1);
+        // The 3DPC counter is sent no reset time.
+        if (!tdpc && !IsTimeOfDay(s.ResetTime))
+            Problem(KeyValue(key) +
+                    ": not hours:minutes:seconds within 23:59:59; the cameras will be sent " +
+                    SentTime(PPL_Settings_Request_Text(s)) + ".");
     }
 
     SAttr& ini_;
     ConfigReport& r_;
 };
-
-// Lines the attribute store does not take: no "=", or nothing on one side.
-void CheckLines(const std::string& text, SAttr& ini, ConfigReport& r) {
-    std::istringstream in(text);
-    std::string line;
-    for (int number = 1; std::getline(in, line); ++number) {
-        std::string trimmed = Trim(line);
-        if (trimmed.empty())
-            continue;
-        size_t eq = trimmed.find('=');
-        std::string where = "line " + std::to_string(number) + " \"" + trimmed + "\": ";
-        if (eq == std::string::npos)
-            r.problems.push_back(where + "no \"=\"; the service skips the line.");
-        else if (!ini.HasKey(Trim(trimmed.substr(0, eq)).c_str()))
-            r.problems.push_back(where + "empty key or value; the service skips the line.");
-    }
-}
-
-bool LooksLikeText(const std::string& text) {
-    for (unsigned char c : text)
-        if (c == 0 || (c < 0x20 && c != '\t' && c != '\r' && c != '\n' && c != '\f' && c != '\v'))
-            return false;
-    return true;
-}
 
 bool ReadWhole(const std::string& path, std::string& text, std::string& why) {
     struct stat st;
@@ -321,13 +426,8 @@ ConfigReport CheckConfig(const std::string& path) {
     report.readable = true;
     SAttr ini('=', "\r\n", "\n", nullptr);
     ini.LoadFile(path.c_str());
-    if (!LooksLikeText(text)) {
-        report.problems.push_back(path +
-                                  " is not a text file (it holds control bytes): the "
-                                  "service takes only what reads as KEY=VALUE lines.");
-    } else {
-        CheckLines(text, ini, report);
-    }
+    configfile::CheckText(text, ini, &report.problems);
     Checker(ini, report).Run();
+    configfile::CheckUnknownKeys(ini, &report.problems);
     return report;
 }

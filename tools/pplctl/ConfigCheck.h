@@ -4,6 +4,17 @@
 #include <string>
 #include <vector>
 
+// A camera the service connects to while counting is on: its index (whose
+// SERV_PPL_CAM_<n>_ keys it reads), the sides of group 0 it counts, and its
+// address and port as the service reads them.
+struct CameraUse {
+    int index = 0;
+    bool in = false;
+    bool out = false;
+    std::string address;  // "" when the key is missing
+    int port = 0;         // 0 when the key is missing
+};
+
 // What the service will do with a system configuration file, told in plain
 // words, and every place where the file does not say what its writer
 // probably meant. The file is read with the attribute store the service
@@ -13,6 +24,8 @@ struct ConfigReport {
     std::string why_unreadable;         // when not readable
     std::vector<std::string> lines;     // what the service will do
     std::vector<std::string> problems;  // one line each: key, value, consequence
+    bool counting = false;              // SERV_PPL_ENABLE reads other than 0
+    std::vector<CameraUse> cameras;
 };
 
 ConfigReport CheckConfig(const std::string& path);

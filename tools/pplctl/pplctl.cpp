@@ -1,6 +1,7 @@
 // pplctl: talks to a running pplcounter the way the recorder's modules do.
-#include <fcntl.h>
 #include <signal.h>
+#include <sys/ipc.h>
+#include <sys/msg.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -13,9 +14,12 @@
 #include <vector>
 
 #include "ConfigCheck.h"
+#include "Doctor.h"
 #include "NModuleInterface.h"
 #include "PPLConstants.h"
+#include "PPLVersion.h"
 #include "SAttr.h"
+#include "ServiceClient.h"
 #include "ULog.h"
 
 namespace {
@@ -32,7 +36,8 @@ const char* const kUsageText =
     "  clear             clear the cameras' counts\n"
     "  send 'TEXT'       send a raw command text, print the reply\n"
     "  events            print the service's events (queue 259) as they arrive; creates\n"
-    "                    the queue when no module owns it (an owner's events are taken)\n"
+    "                    the queue when no module owns it, and refuses to read one that\n"
+    "                    another module owns: each event read here would be taken from it\n"
     "  camera add N      send event=add_camera&ch=N on queue 601\n"
     "  camera del N      send event=del_camera&ch=N on queue 601\n"
     "  watch             show the status file every second (redrawn on a terminal,\n"
@@ -40,17 +45,23 @@ const char* const kUsageText =
     "  check-config [FILE]  say what the service will do with a configuration file\n"
     "                    (default /opt/user/ZV318/INIT/ZV318System.ini) and list its\n"
     "                    problems; contacts neither the service nor a camera\n"
+    "  doctor            check the deployment: the service runs and answers, its status\n"
+    "                    file and queues, the configuration, each camera; one line per\n"
+    "                    check (takes nothing off the queues)\n"
     "\n"
     "Options:\n"
     "  --socket PATH     service command socket (default /tmp/SI_PPLCOUNTER)\n"
     "  --status PATH     status file (default /tmp/PPLCounter.ini)\n"
     "  --timeout MS      wait for a reply (default 3000)\n"
     "  --seconds N       end 'events' and 'watch' after N seconds\n"
+    "  --take            let 'events' read queue 259 although another module owns it\n"
+    "  --version         the release of pplctl\n"
     "  -h, --help        this text\n"
     "\n"
     "Exit status: 0 done, 1 the service answered reply=error (or another result),\n"
     "2 usage error, 3 no answer from the service, 4 system error. check-config:\n"
-    "0 no problem, 1 problems found, 2 the file cannot be read.\n";
+    "0 no problem, 1 problems found, 2 the file cannot be read. doctor: 0 every\n"
+    "check passed, 1 otherwise. events: 1 when another module owns queue 259.\n";
 
 std::atomic<bool> g_interrupted(false);
 
@@ -63,6 +74,7 @@ struct Options {
     std::string status_path = ppl::kStatusIniPath;
     int timeout_ms = 3000;
     int seconds = 0;
+    bool take = false;
     std::vector<std::string> args;
 };
 
@@ -99,6 +111,14 @@ int ParseOptions(int argc, char** argv, Options* o) {
         bool has_value = i + 1 < argc;
         if (a == "-h" || a == "--help")
             return Usage(nullptr);
+        if (a == "--version") {
+            printf("pplctl %s\n", PPL_VERSION);
+            return kOk;
+        }
+        if (a == "--take") {
+            o->take = true;
+            continue;
+        }
         if (a == "--socket" && has_value) {
             o->socket_path = argv[++i];
         } else if (a == "--status" && has_value) {
@@ -118,61 +138,28 @@ int ParseOptions(int argc, char** argv, Options* o) {
     return o->args.empty() ? Usage("no command given") : -1;
 }
 
-// Keeps what the library prints on standard error (its own diagnostics of a
-// failed send) off pplctl's output while it lives; pplctl reports instead.
-class QuietStderr {
-public:
-    QuietStderr() : saved_(dup(STDERR_FILENO)) {
-        fflush(stderr);
-        int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-        if (null >= 0) {
-            dup2(null, STDERR_FILENO);
-            close(null);
-        }
-    }
-    ~QuietStderr() {
-        fflush(stderr);
-        if (saved_ >= 0) {
-            dup2(saved_, STDERR_FILENO);
-            close(saved_);
-        }
-    }
-
-private:
-    int saved_;
-};
-
-// Sends one command from a socket of our own (the service answers the
-// sender's bound path) and returns the reply text, or "" without one.
+// Sends one command and returns the reply text in *reply, or says on
+// standard error why there is none.
 int Exchange(const Options& o, const std::string& text, std::string* reply) {
-    std::string local = "/tmp/pplctl-" + std::to_string(getpid());
-    NCommandIPC client(local.c_str(), o.socket_path.c_str());
-    if (client.GetFD() < 0) {
-        fprintf(stderr, "pplctl: cannot create a socket at %s\n", local.c_str());
-        return kSystem;
+    CommandResult result = SendCommand(o.socket_path, text, o.timeout_ms);
+    switch (result.outcome) {
+        case CommandResult::kReplied:
+            *reply = result.reply;
+            return kOk;
+        case CommandResult::kNoSocket:
+            fprintf(stderr, "pplctl: %s\n", result.error.c_str());
+            return kSystem;
+        case CommandResult::kNoService:
+            fprintf(stderr, "pplctl: no service answers on %s: is pplcounter running?\n",
+                    o.socket_path.c_str());
+            return kNoService;
+        default:
+            fprintf(stderr,
+                    "pplctl: no reply on %s within %d ms (the service serves ten commands a "
+                    "second; try a longer --timeout)\n",
+                    o.socket_path.c_str(), o.timeout_ms);
+            return kNoService;
     }
-    int sent;
-    {
-        QuietStderr quiet;
-        sent = client.Send(text.c_str(), static_cast<unsigned int>(text.size()));
-    }
-    if (sent < 0) {
-        fprintf(stderr, "pplctl: no service answers on %s: is pplcounter running?\n",
-                o.socket_path.c_str());
-        return kNoService;
-    }
-    if (client.Wait(o.timeout_ms / 1000, (o.timeout_ms % 1000) * 1000) <= 0) {
-        fprintf(stderr,
-                "pplctl: no reply on %s within %d ms (the service serves ten commands a "
-                "second; try a longer --timeout)\n",
-                o.socket_path.c_str(), o.timeout_ms);
-        return kNoService;
-    }
-    char buffer[16384] = {0};
-    if (client.Recv(buffer, sizeof(buffer)) <= 0)
-        return kNoService;
-    *reply = buffer;
-    return kOk;
 }
 
 int ResultOf(const std::string& reply) {
@@ -229,19 +216,39 @@ bool TimeIsUp(const Options& o, time_t start) {
     return g_interrupted || (o.seconds > 0 && time(nullptr) - start >= o.seconds);
 }
 
+// Queue 259 belongs to the module that made it: each message read here is
+// gone for that module. With no owner, pplctl makes the queue itself (and
+// removes it at the end).
+bool RefusesOwnedQueue(const Options& o, bool* owned) {
+    *owned = msgget(ppl::kEventOutKey, IPC_CREAT | IPC_EXCL | 0777) >= 0;
+    if (*owned || o.take)
+        return false;
+    msqid_ds ds;
+    int id = msgget(ppl::kEventOutKey, 0);
+    if (id < 0 || msgctl(id, IPC_STAT, &ds) != 0) {
+        fprintf(stderr, "pplctl: cannot make or look at queue %d\n", ppl::kEventOutKey);
+        return true;
+    }
+    fprintf(stderr,
+            "pplctl: queue %d belongs to another module (made by user %u): each event read "
+            "here is taken from it and that module never sees it; --take reads it anyway\n",
+            ppl::kEventOutKey, static_cast<unsigned>(ds.msg_perm.cuid));
+    return true;
+}
+
 int Events(const Options& o) {
     if (ExtraArguments(o, 0))
         return kUsage;
-    NEventMQ opened(ppl::kEventOutKey, false);
-    bool owned = opened.GetMQId() < 0;
-    NEventMQ created;
-    if (owned && !created.create(ppl::kEventOutKey)) {
-        fprintf(stderr, "pplctl: cannot create event queue %d\n", ppl::kEventOutKey);
+    bool owned = false;
+    if (RefusesOwnedQueue(o, &owned))
+        return kRefused;
+    NEventMQ queue;
+    if (owned ? !queue.create(ppl::kEventOutKey) : !queue.connect(ppl::kEventOutKey)) {
+        fprintf(stderr, "pplctl: cannot open event queue %d\n", ppl::kEventOutKey);
         return kSystem;
     }
-    NEventMQ& queue = owned ? created : opened;
-    fprintf(stderr, "pplctl: %s queue %d; Ctrl-C ends\n", owned ? "created" : "reading",
-            ppl::kEventOutKey);
+    fprintf(stderr, "pplctl: %s queue %d; Ctrl-C ends\n",
+            owned ? "created" : "taking the events of", ppl::kEventOutKey);
     time_t start = time(nullptr);
     char text[4096];
     while (!TimeIsUp(o, start)) {
@@ -359,6 +366,11 @@ int main(int argc, char** argv) {
     }
     if (cmd == "check-config")
         return CheckConfigCommand(o);
+    if (cmd == "doctor") {
+        if (ExtraArguments(o, 0))
+            return kUsage;
+        return RunDoctor({o.socket_path, o.status_path, ppl::kSystemIniPath});
+    }
     if (cmd == "send")
         return Send(o);
     if (cmd == "events")

@@ -67,6 +67,7 @@ run() {
         give_up
     check "both cameras connected (status file and pplctl status)" wait_for 30 cameras_connected
     check "count events on queue 259" wait_for 30 count_events_after 0
+    check_doctor
     wait "$walkers"
     check "the status file's counts equal the cameras' last totals (in $(last_total 8001 TotalIn), out $(last_total 8002 TotalOut))" \
         wait_for 30 totals_match

@@ -11,7 +11,8 @@ exec >/dev/console 2>&1
 . "$(dirname "$0")/checks.sh"
 variant=$1
 config=/opt/user/ZV318/INIT/ZV318System.ini
-example=/usr/share/doc/pplcounter/ZV318System.ini.example
+# The installed example, pointed at the checks' cameras (systemd_boot_test.sh).
+example=$(dirname "$0")/ZV318System.ini
 
 main_pid() { systemctl show -p MainPID --value pplcounter; }
 unit_value() { systemctl show -p "$1" --value pplcounter; }
@@ -51,6 +52,7 @@ if [ "$variant" = without-opt-user ]; then
 fi
 check "both cameras connected (status file and pplctl status)" wait_for 60 cameras_connected
 check "count events on queue 259" wait_for 30 count_events_after 0
+check_doctor
 
 # Bounded: a second service that did start would run until ended.
 out=$(timeout 10 /usr/sbin/pplcounter 2>&1)
