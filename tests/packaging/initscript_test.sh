@@ -40,8 +40,8 @@ busybox --install -s /tmp/bb
 
 cap=16384
 initd() {
-    env -i PATH=/tmp/bb PPLCOUNTER_RUNDIR=/tmp/run PPLCOUNTER_LOG=/tmp/log/pplcounter.log \
-        PPLCOUNTER_LOG_MAX=$cap /tmp/bb/sh /mnt/ppl/etc/init.d/pplcounter "$@"
+    env -i PATH=/tmp/bb PPLCOUNTER_RUNDIR=/tmp/run PPLCOUNTER_LOG="${LOG:-/tmp/log/pplcounter.log}" \
+        PPLCOUNTER_LOG_MAX="${LOG_CAP:-$cap}" /tmp/bb/sh /mnt/ppl/etc/init.d/pplcounter "$@"
 }
 # Waits up to $1 tenths of a second for the command that follows to succeed.
 wait_for() {
@@ -130,6 +130,31 @@ for _ in $(seq 300); do
 done
 [ "$rotations" -ge 3 ] || fail "the log was rotated $rotations times in 30 s"
 echo "log $size bytes, previous $old bytes, cap $cap, over $rotations rotations"
+
+# A log that cannot be written is refused at start, before anything runs.
+[ "$(initd stop)" = "pplcounter stopped" ] || fail "stop before the log checks"
+[ "$(LOG=/tmp/log/missing/pplcounter.log initd start 2>&1)" = \
+    "pplcounter: cannot write the log /tmp/log/missing/pplcounter.log" ] ||
+    fail "a log that cannot be written was not refused"
+initd status >/dev/null && fail "started with a log that cannot be written"
+
+# A log path that is a device (an integrator's /dev/null, a console) is
+# written as it is: a rotation would move the device node itself. Root makes
+# one on a file system that allows devices; elsewhere /dev/null is bound onto
+# a file (which cannot be moved, so only root's run would see a rotation).
+dev=/tmp/devlog/null
+mkdir /tmp/devlog
+if mount -t tmpfs -o dev tmpfs /tmp/devlog 2>/dev/null && mknod -m 600 "$dev" c 1 3 2>/dev/null; then
+    :
+else
+    : >"$dev" && mount --bind /dev/null "$dev" || fail "no device can be put at $dev"
+fi
+[ "$(LOG=$dev LOG_CAP=512 initd start)" = "pplcounter started" ] || fail "start with a device log"
+wait_for 50 runs_binary || fail "the service did not start with a device log"
+# Sixteen times the cap written, through the log writer to the device.
+written() { [ "$(sed -n 's/^wchar: //p' "/proc/$(service_pid)/io" 2>/dev/null)" -gt 8192 ] 2>/dev/null; }
+wait_for 100 written || fail "the service wrote too little to its device log"
+if [ ! -c "$dev" ] || [ -e "$dev.1" ]; then fail "the device log was rotated: $(ls -l "$dev"*)"; fi
 
 last=$(service_pid) supervisor=$(cat /tmp/run/pplcounter.pid)
 [ "$(initd stop)" = "pplcounter stopped" ] || fail "stop"
