@@ -147,7 +147,7 @@ mkdir /tmp/devlog
 if mount -t tmpfs -o dev tmpfs /tmp/devlog 2>/dev/null && mknod -m 600 "$dev" c 1 3 2>/dev/null; then
     :
 else
-    : >"$dev" && mount --bind /dev/null "$dev" || fail "no device can be put at $dev"
+    { : >"$dev" && mount --bind /dev/null "$dev"; } || fail "no device can be put at $dev"
 fi
 [ "$(LOG=$dev LOG_CAP=512 initd start)" = "pplcounter started" ] || fail "start with a device log"
 wait_for 50 runs_binary || fail "the service did not start with a device log"
