@@ -63,12 +63,3 @@ bool InstanceLock::Take(const std::string& path, std::string* why) {
     fd_ = fd;
     return true;
 }
-
-bool InstanceLock::IsHeld(const std::string& path) {
-    int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0)
-        return false;
-    bool held = flock(fd, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
-    close(fd);
-    return held;
-}

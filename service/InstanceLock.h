@@ -29,8 +29,6 @@ public:
     // cannot be opened, or another process holds the lock. The lock stays
     // until this object or the process ends.
     bool Take(const std::string& path, std::string* why);
-    // Whether some process holds the lock on the file at path.
-    static bool IsHeld(const std::string& path);
 
 private:
     int fd_ = -1;

@@ -4,7 +4,6 @@
 // says so once and keeps serving, and the configuration is never written.
 #include <fcntl.h>
 #include <grp.h>
-#include <sys/file.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
 #include <sys/socket.h>
@@ -109,14 +108,6 @@ long PeakMemoryKiB(pid_t pid) {
     size_t at = status.find("VmHWM:");
     return at == std::string::npos ? -1 : std::stol(status.substr(at + 6));
 #endif
-}
-
-bool LockIsHeld(const std::string& path) {
-    int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-    bool held = fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) != 0;
-    if (fd >= 0)
-        close(fd);
-    return held;
 }
 
 // Needs root outside a user namespace: the other user must exist.

@@ -89,9 +89,9 @@ TEST_F(OwnFiles, TheLockGoesToTheFirstWritableDirectoryAndIsHeldWhileItsObjectLi
         InstanceLock lock;
         std::string why;
         ASSERT_TRUE(lock.Take(path, &why)) << why;
-        EXPECT_TRUE(InstanceLock::IsHeld(path));
+        EXPECT_TRUE(LockIsHeld(path));
     }
-    EXPECT_FALSE(InstanceLock::IsHeld(path));
+    EXPECT_FALSE(LockIsHeld(path));
 }
 
 TEST_F(OwnFiles, TheStatusFileIsReplacedWholeWithItsModeAndReadBelowTheLimitOnly) {

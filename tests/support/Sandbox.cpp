@@ -4,6 +4,7 @@
 #include <net/if.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
@@ -330,6 +331,14 @@ bool WaitFor(int timeout_ms, const std::function<bool()>& pred) {
             return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
+}
+
+bool LockIsHeld(const std::string& path) {
+    int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    bool held = fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) != 0;
+    if (fd >= 0)
+        close(fd);
+    return held;
 }
 
 std::map<std::string, std::string> StandardConfig(int in_port, int out_port) {

@@ -75,6 +75,9 @@ std::string ReadWholeFile(const std::string& path);
 bool WriteWholeFile(const std::string& path, const std::string& text);
 // Polls pred every 20 ms until it holds or timeout_ms passed.
 bool WaitFor(int timeout_ms, const std::function<bool()>& pred);
+// Whether another process holds an flock on the file at path (tried without
+// waiting, never through a link).
+bool LockIsHeld(const std::string& path);
 
 }  // namespace ppltest
 
