@@ -2,6 +2,7 @@
 // check-config on a table of files, one per kind of problem; its own messages
 // without a service; usage errors; watch into a pipe.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <stdlib.h>
@@ -322,6 +323,17 @@ TEST(Pplctl, WatchIntoAPipePrintsPlainSnapshotsAndWaitsForAMissingFile) {
     std::ofstream(status) << "PPL.Enable = 1\nPPL.In0.Count = 4\n";
     run = Pplctl("--status " + status + " --seconds 1 watch | cat");
     EXPECT_EQ(run.out, "--- " + status + "\nPPL.Enable             1\nPPL.In0.Count          4\n");
+    // What anyone may put in /tmp instead is not read: a link (to a file
+    // that reads fine) and a FIFO, which would hold an open for ever.
+    std::string elsewhere = Scratch() + "watch-elsewhere.ini";
+    ASSERT_EQ(rename(status.c_str(), elsewhere.c_str()), 0);
+    ASSERT_EQ(symlink(elsewhere.c_str(), status.c_str()), 0);
+    run = Pplctl("--status " + status + " --seconds 1 watch | cat");
+    EXPECT_EQ(run.out, "--- " + status + "\n(waiting for the status file: a symbolic link)\n");
+    remove(status.c_str());
+    ASSERT_EQ(mkfifo(status.c_str(), 0600), 0);
+    run = Pplctl("--status " + status + " --seconds 1 watch | cat");
+    EXPECT_EQ(run.out, "--- " + status + "\n(waiting for the status file: a FIFO)\n");
 }
 
 }  // namespace

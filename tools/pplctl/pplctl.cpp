@@ -16,6 +16,7 @@
 #include "ConfigCheck.h"
 #include "Doctor.h"
 #include "NModuleInterface.h"
+#include "OwnedFile.h"
 #include "PPLConstants.h"
 #include "PPLVersion.h"
 #include "SAttr.h"
@@ -279,18 +280,32 @@ int Camera(const Options& o) {
     return kOk;
 }
 
+// The status file as the service writes it: a regular file of root's or of
+// this user's, read without following a link, never a FIFO or a huge file,
+// which anyone could have put in /tmp. Empty when it is none of those;
+// *why then says what is there instead.
+std::string ReadStatusFile(const std::string& path, std::string* why) {
+    std::string text;
+    for (uid_t owner : {geteuid(), static_cast<uid_t>(0)}) {
+        OwnedFile::Read read =
+            OwnedFile::LoadOwnedBy(owner, path, ppl::kStatusIniMaxBytes, &text, why);
+        if (read == OwnedFile::Read::Ok || read == OwnedFile::Read::Missing)
+            break;
+    }
+    return text;
+}
+
 // One snapshot of the status file; a missing file is waited for quietly.
 void ShowStatus(const Options& o, bool terminal) {
     if (terminal)
         printf("\033[H\033[2J%s  (Ctrl-C ends)\n\n", o.status_path.c_str());
     else
         printf("--- %s\n", o.status_path.c_str());
+    std::string why;
     SAttr status('=', "\r\n", "\n", nullptr);
-    if (access(o.status_path.c_str(), R_OK) != 0 || !status.LoadFile(o.status_path.c_str()) ||
-        status.GetSize() == 0) {
-        // Rewritten in place once a second: an empty read is read again next time.
-        printf("(waiting for the status file)\n");
-    }
+    status.LoadMemory(ReadStatusFile(o.status_path, &why).c_str());
+    if (status.GetSize() == 0)
+        printf("(waiting for the status file%s)\n", why.empty() ? "" : (": " + why).c_str());
     for (const auto& kv : status.GetRawData())
         printf("%-22s %s\n", kv.first.c_str(), kv.second.c_str());
     fflush(stdout);
