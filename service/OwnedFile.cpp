@@ -15,7 +15,7 @@ namespace {
 class Descriptor {
 public:
     explicit Descriptor(int fd) : fd_(fd) {}
-    virtual ~Descriptor() {
+    ~Descriptor() {
         if (fd_ >= 0)
             close(fd_);
     }
