@@ -1,8 +1,8 @@
 # Runs at install time (from the install rules of the top-level CMakeLists),
 # when CMAKE_INSTALL_PREFIX holds the prefix actually used, --prefix included.
 # Places the init script in <sysconfdir>/init.d and the systemd unit in the
-# systemd unit directory, both naming the installed pplcounter, and the unit's
-# tmpfiles.d entry (the configuration's directory) beside it. Follows the
+# systemd unit directory, both naming the installed pplcounter and pplctl,
+# and the unit's tmpfiles.d entry (the configuration's directory) beside it. Follows the
 # usual convention for system packages: prefix /usr keeps its configuration
 # in /etc; any other prefix P in P/etc. Nothing is written outside DESTDIR
 # and the prefix (or /etc for /usr).
@@ -11,7 +11,13 @@ if(IS_ABSOLUTE "${PPL_SBINDIR}")
 else()
     set(PPL_SBIN "${CMAKE_INSTALL_PREFIX}/${PPL_SBINDIR}")
 endif()
+if(IS_ABSOLUTE "${PPL_BINDIR}")
+    set(PPL_BIN "${PPL_BINDIR}")
+else()
+    set(PPL_BIN "${CMAKE_INSTALL_PREFIX}/${PPL_BINDIR}")
+endif()
 string(REGEX REPLACE "/+" "/" PPL_SBIN "${PPL_SBIN}")
+string(REGEX REPLACE "/+" "/" PPL_BIN "${PPL_BIN}")
 if(CMAKE_INSTALL_PREFIX MATCHES "^/usr/?$")
     set(ppl_sysconfdir "/etc")
     set(ppl_systemd_libdir "/usr/lib")

@@ -17,28 +17,73 @@ InstanceLock::~InstanceLock() {
         close(fd_);
 }
 
-std::string InstanceLock::PathIn(const std::vector<std::string>& dirs) {
-    std::string chosen = ".";
+std::string InstanceLock::DirIn(const std::vector<std::string>& dirs) {
     for (const std::string& dir : dirs) {
-        chosen = dir;
         struct stat st;
         if (stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode) &&
+            (st.st_uid == 0 || st.st_uid == geteuid()) && (st.st_mode & (S_IWGRP | S_IWOTH)) == 0 &&
             access(dir.c_str(), W_OK | X_OK) == 0)
-            break;
+            return dir;
     }
-    return chosen + "/" + ppl::kInstanceLockName;
+    return "";
 }
 
-std::string InstanceLock::Path() {
-    return PathIn({std::begin(ppl::kInstanceLockDirs), std::end(ppl::kInstanceLockDirs)});
+InstanceLock::Outcome InstanceLock::TakeForService(std::string* why, std::string* said) {
+    std::string dir = DirIn({std::begin(ppl::kInstanceLockDirs), std::end(ppl::kInstanceLockDirs)});
+    if (!dir.empty())
+        return Take(dir + "/" + ppl::kInstanceLockName, why);
+    dir = ppl::kInstanceLockFallbackDir;
+    int dir_fd = OwnDirectory(dir, why, said);
+    if (dir_fd < 0)
+        return Outcome::Refused;
+    Outcome outcome =
+        TakeAt(dir_fd, ppl::kInstanceLockName, dir + "/" + ppl::kInstanceLockName, why);
+    close(dir_fd);
+    return outcome;
 }
 
-bool InstanceLock::Take(const std::string& path, std::string* why) {
+// A directory of this user's at dir, 0700: made where nothing is there;
+// what another user put there is moved aside first. Opened without
+// following a link and checked on the descriptor, so what is checked is
+// what the lock goes into.
+int InstanceLock::OwnDirectory(const std::string& dir, std::string* why, std::string* said) {
+    struct stat st;
+    if (lstat(dir.c_str(), &st) == 0 && (!S_ISDIR(st.st_mode) || st.st_uid != geteuid())) {
+        std::string aside;
+        if (!OwnedFile::MoveAside(dir, &aside)) {
+            *why = OwnedFile::Describe(st) + " is at " + dir +
+                   " and cannot be moved aside: " + UError::Text(errno);
+            return -1;
+        }
+        *said = "moved " + OwnedFile::Describe(st) + " at " + dir + " aside to " + aside;
+    }
+    if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
+        *why = "cannot make " + dir + ": " + UError::Text(errno);
+        return -1;
+    }
+    int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0 || fstat(fd, &st) != 0 || st.st_uid != geteuid() ||
+        ((st.st_mode & 07777) != 0700 && fchmod(fd, 0700) != 0)) {
+        *why = dir + " is not a directory of this user's own";
+        if (fd >= 0)
+            close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+InstanceLock::Outcome InstanceLock::Take(const std::string& path, std::string* why) {
+    return TakeAt(AT_FDCWD, path, path, why);
+}
+
+InstanceLock::Outcome InstanceLock::TakeAt(int dir_fd, const std::string& name,
+                                           const std::string& path, std::string* why) {
     // Non-blocking, so that a FIFO put at the path cannot hold the open.
-    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
+    int fd =
+        openat(dir_fd, name.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
     if (fd < 0) {
         *why = "cannot open the instance lock " + path + ": " + UError::Text(errno);
-        return false;
+        return Outcome::Refused;
     }
     struct stat st;
     std::string not_own = fstat(fd, &st) == 0 ? OwnedFile::WhyNotOwn(st) : UError::Text(errno);
@@ -49,17 +94,20 @@ bool InstanceLock::Take(const std::string& path, std::string* why) {
     if (!not_own.empty()) {
         *why = "refusing the instance lock " + path + ": " + not_own;
         close(fd);
-        return false;
+        return Outcome::Refused;
     }
     if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
         int err = errno;
-        *why = err == EWOULDBLOCK ? "another pplcounter is already running (" + path + " is locked)"
-                                  : "cannot lock " + path + ": " + UError::Text(err);
         close(fd);
-        return false;
+        if (err == EWOULDBLOCK) {
+            *why = "another pplcounter is already running (" + path + " is locked)";
+            return Outcome::Busy;
+        }
+        *why = "cannot lock " + path + ": " + UError::Text(err);
+        return Outcome::Refused;
     }
     if (fd_ >= 0)
         close(fd_);
     fd_ = fd;
-    return true;
+    return Outcome::Held;
 }

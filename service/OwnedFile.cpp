@@ -59,6 +59,14 @@ bool ReadUpTo(int fd, long max_bytes, std::string* text) {
     return true;
 }
 
+// Closes a file just made; false when none was.
+bool CloseMade(int fd) {
+    if (fd < 0)
+        return false;
+    close(fd);
+    return true;
+}
+
 }  // namespace
 
 const char* OwnedFile::Kind(mode_t mode) {
@@ -90,6 +98,39 @@ std::string OwnedFile::WhyNotOwnedBy(const struct stat& st, uid_t owner) {
     if (st.st_nlink != 1)
         return std::to_string(st.st_nlink) + " links to one file";
     return "";
+}
+
+std::string OwnedFile::Describe(const struct stat& st) {
+    std::string text = std::string(Kind(st.st_mode)) + " of user " + std::to_string(st.st_uid);
+    if (S_ISREG(st.st_mode) && st.st_nlink != 1)
+        text += " with " + std::to_string(st.st_nlink) + " links";
+    return text;
+}
+
+bool OwnedFile::MoveAside(const std::string& path, std::string* moved_to) {
+    struct stat st;
+    if (lstat(path.c_str(), &st) != 0)
+        return false;
+    // The new name is made first, exclusively and of the same kind (an empty
+    // directory for a directory, an empty file for anything else), so that
+    // the rename can only replace what was made for it.
+    std::string name = path + ".aside-XXXXXX";
+    std::vector<char> temp(name.begin(), name.end());
+    temp.push_back('\0');
+    const bool dir = S_ISDIR(st.st_mode);
+    if (dir ? mkdtemp(temp.data()) == nullptr : !CloseMade(mkostemp(temp.data(), O_CLOEXEC)))
+        return false;
+    if (rename(path.c_str(), temp.data()) != 0) {
+        int err = errno;
+        if (dir)
+            rmdir(temp.data());
+        else
+            unlink(temp.data());
+        errno = err;
+        return false;
+    }
+    *moved_to = temp.data();
+    return true;
 }
 
 OwnedFile::Read OwnedFile::Load(const std::string& path, long max_bytes, std::string* text,

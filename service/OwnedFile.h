@@ -26,6 +26,16 @@ public:
     // The same for a file that must be another user's own (the service's,
     // looked at by a tool that runs as someone else).
     static std::string WhyNotOwnedBy(const struct stat& st, uid_t owner);
+    // What a file is, for a log line: "a directory of user 65534", "a regular
+    // file of user 0 with 2 links".
+    static std::string Describe(const struct stat& st);
+
+    // Moves whatever is at path to a new name beside it, path + ".aside-"
+    // and six random characters, so that the path is free and nothing of
+    // another user's is deleted, emptied or written: a directory keeps what
+    // it holds. The new name never replaces anything but an empty name made
+    // for it. True with the name in *moved_to; false with errno set.
+    static bool MoveAside(const std::string& path, std::string* moved_to);
 
     // Reads the whole file at path into *text when it is this process's own
     // and smaller than max_bytes. Missing: there is nothing at path.

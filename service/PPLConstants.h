@@ -11,10 +11,12 @@ constexpr const char* kStatusIniPath = "/tmp/PPLCounter.ini";
 constexpr const char* kRecordIniPath = "/opt/user/PPLRecord.ini";
 constexpr const char* kCommandSocketPath = "/tmp/SI_PPLCOUNTER";
 // Held by the running service so that a second one refuses to start. It
-// lives in the first of these directories that exists and the service may
-// write: the runtime directories only root can write come first, so that no
-// other user can create or lock it; /tmp is the last resort.
-constexpr const char* kInstanceLockDirs[] = {"/run", "/var/run", "/tmp"};
+// lives in the first of these directories that exists, the service may
+// write and no other user may, so that nobody else can create, lock or
+// replace it; where neither is, in a directory of the service's own, mode
+// 0700, in /tmp.
+constexpr const char* kInstanceLockDirs[] = {"/run", "/var/run"};
+constexpr const char* kInstanceLockFallbackDir = "/tmp/PPLCounter.lock.d";
 constexpr const char* kInstanceLockName = "PPLCounter.lock";
 // Largest status file the service reads back (its own is a few hundred
 // bytes); anything bigger at that path is not its file.

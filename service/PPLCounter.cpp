@@ -50,6 +50,27 @@ void ShowLog(const char* format, ...) {
     fprintf(stderr, "[%s] %s", when, message);
 }
 
+std::string Printable(const char* text) {
+    static const char kHex[] = "0123456789abcdef";
+    std::string out;
+    for (const char* p = text; *p != '\0'; ++p) {
+        unsigned char c = static_cast<unsigned char>(*p);
+        if (c == '\\')
+            out += "\\\\";
+        else if (c == '\n')
+            out += "\\n";
+        else if (c == '\r')
+            out += "\\r";
+        else if (c == '\t')
+            out += "\\t";
+        else if (c < 0x20 || c == 0x7f)
+            out += std::string("\\x") + kHex[c >> 4] + kHex[c & 15];
+        else
+            out += static_cast<char>(c);
+    }
+    return out;
+}
+
 PPLCounter::PPLCounter(const PPLCounterSettings& settings)
     : reload_config(true),
       running(false),
@@ -175,6 +196,7 @@ void PPLCounter::RunPass(char* reply, char* event) {
         last_restart_check_ms = now_ms;
         Check_PPL_Cam_Restart_Service();
     }
+    RetryCommandSocket();
     PollCommand(reply);
     PollEvent(event);
 }
@@ -197,7 +219,7 @@ void PPLCounter::HandleCommand(NTextCommand& endpoint, char* reply) {
 
 void PPLCounter::HandleEvent(IEvent& queue, char* event) {
     if (queue.Wait(0, 0) > 0 && queue.Recv(event, kPassBufferSize) > 0) {
-        ShowLog("Event::Run(), receive event => %s\n", event);
+        ShowLog("Event::Run(), receive event => %s\n", Printable(event).c_str());
         ParseEvt(event);
     }
 }

@@ -59,8 +59,9 @@ public:
     void Start();
     // Marks the loop to end after its current pass.
     void Stop();
-    // Creates the three endpoints; false when any is missing, or when the
-    // command socket's path holds something other than a socket.
+    // Creates the three endpoints; false when any is missing. A command
+    // socket that cannot be bound is kept unbound and tried again while the
+    // loop runs (RetryCommandSocket).
     bool Init();
     // Deletes the endpoints and stops the counters of the camera kind in use.
     void Deinit();
@@ -146,12 +147,22 @@ protected:
     // Why the status file's path was last not read ("" while it is the
     // service's own file), so that a hostile path is reported once.
     std::string status_refusal;
+    // The command socket is not bound yet (said once), and when its bind was
+    // last tried.
+    bool command_unbound = false;
+    uint64_t last_bind_try_ms = 0;
 
 private:
     void RunPass(char* reply, char* event);
     void ClaimEventQueue();
     NTextCommand* OpenCommandSocket();
+    void RetryCommandSocket();
+    std::string BindCommandSocket(NTextCommand& endpoint, bool probe_first);
+    bool CanBind(std::string* why);
+    bool ClearCommandSocketPath(std::string* why);
+    void SayCommandSocket(const std::string& why);
     void LoadSystemIni(SAttr& ini);
+    std::string ClaimStatusPath();
     void LoadStatus(SAttr& status);
     bool ReloadConfiguration();
     void PollCommand(char* reply);

@@ -20,8 +20,12 @@
 #include "ShowLog.h"
 #include "Tarn_3DPC_Counter.h"
 #include "UBrand_PPL_Counter.h"
+#include "ULog.h"
 
 namespace {
+
+// How often a command socket that could not be bound is tried again.
+constexpr uint64_t kBindRetryMs = 3000;
 
 bool HasCapability(int capability) {
     __user_cap_header_struct header;
@@ -121,30 +125,104 @@ void PPLCounter::ClaimEventQueue() {
     }
 }
 
-// The path must hold nothing, or a socket (one left by an earlier run is
-// replaced). Anything else there is refused and the service ends as with
-// any endpoint it cannot make, rather than run without its command socket.
+// Only the main thread makes files (workers make sockets only), so a mask
+// set for one call on it changes no other thread's file.
+class ScopedUmask {
+public:
+    explicit ScopedUmask(mode_t mask) : old_(umask(mask)) {}
+    ~ScopedUmask() { umask(old_); }
+    ScopedUmask(const ScopedUmask&) = delete;
+    ScopedUmask& operator=(const ScopedUmask&) = delete;
+
+private:
+    mode_t old_;
+};
+
 NTextCommand* PPLCounter::OpenCommandSocket() {
+    NTextCommand* endpoint = new NTextCommand();
+    last_bind_try_ms = GetTime();
+    SayCommandSocket(BindCommandSocket(*endpoint, false));
+    return endpoint;
+}
+
+// While the socket is unbound the service counts on and tries again every
+// few seconds. A retry tries a socket of its own first: the endpoint reports
+// every bind that fails, and the failure has been said once already.
+void PPLCounter::RetryCommandSocket() {
+    if (!command_unbound || command == nullptr || now_ms - last_bind_try_ms <= kBindRetryMs)
+        return;
+    last_bind_try_ms = now_ms;
+    SayCommandSocket(BindCommandSocket(*command, true));
+}
+
+// Binds the endpoint to the command path under a mask that leaves exactly
+// the socket's mode, so the path never appears with more (a chmod after the
+// bind left a window in which any user could send a command). "" when
+// bound, else why not.
+std::string PPLCounter::BindCommandSocket(NTextCommand& endpoint, bool probe_first) {
+    const char* path = where.command_path.c_str();
+    std::string why;
+    if (!ClearCommandSocketPath(&why) || (probe_first && !CanBind(&why)))
+        return why;
+    ScopedUmask mask(0777 & ~ppl::kCommandSocketMode);
+    endpoint.Connect(path, nullptr);
+    int err = errno;
+    return BoundTo(endpoint.GetFD(), path) ? "" : "it cannot be bound: " + UError::Text(err);
+}
+
+// Whether a socket can be bound at the path now, tried with one of its own.
+bool PPLCounter::CanBind(std::string* why) {
+    struct sockaddr_un addr;
+    std::memset(&addr, 0, sizeof(addr));
+    addr.sun_family = AF_UNIX;
+    std::strncpy(addr.sun_path, where.command_path.c_str(), sizeof(addr.sun_path) - 1);
+    ScopedUmask mask(0777 & ~ppl::kCommandSocketMode);
+    int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    bool bound = fd >= 0 && bind(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) == 0;
+    if (!bound)
+        *why = "it cannot be bound: " + UError::Text(errno);
+    else
+        unlink(addr.sun_path);
+    if (fd >= 0)
+        close(fd);
+    return bound;
+}
+
+// A socket at the path (one left by an earlier run) is the endpoint's to
+// replace. Anything else is removed, as the endpoint would remove a file,
+// but a directory is moved aside with what it holds; each said in one line.
+bool PPLCounter::ClearCommandSocketPath(std::string* why) {
     const char* path = where.command_path.c_str();
     struct stat st;
-    if (lstat(path, &st) == 0 && !S_ISSOCK(st.st_mode)) {
-        ShowLog("PPLCounter::Init(), refusing the command socket %s: %s is there\n", path,
-                OwnedFile::Kind(st.st_mode));
-        return nullptr;
+    if (lstat(path, &st) != 0 || S_ISSOCK(st.st_mode))
+        return true;
+    std::string aside;
+    bool cleared = S_ISDIR(st.st_mode) ? OwnedFile::MoveAside(path, &aside) : unlink(path) == 0;
+    if (!cleared) {
+        *why = OwnedFile::Describe(st) + " is there and cannot be " +
+               (S_ISDIR(st.st_mode) ? "moved aside: " : "removed: ") + UError::Text(errno);
+        return false;
     }
-    NTextCommand* endpoint = new NTextCommand(path, nullptr);
-    const char* failed = nullptr;
-    if (!BoundTo(endpoint->GetFD(), path))
-        failed = "it cannot be bound";
-    // The socket is this process's, in a directory where only its owner may
-    // replace it, so its mode is set through the path.
-    else if (lstat(path, &st) != 0 || !S_ISSOCK(st.st_mode) || st.st_uid != geteuid() ||
-             chmod(path, ppl::kCommandSocketMode) != 0)
-        failed = "its mode cannot be set";
-    if (failed != nullptr) {
-        ShowLog("PPLCounter::Init(), the command socket %s failed: %s\n", path, failed);
-        delete endpoint;
-        return nullptr;
+    if (aside.empty())
+        ShowLog("PPLCounter::Init(), removed %s at %s\n", OwnedFile::Describe(st).c_str(), path);
+    else
+        ShowLog("PPLCounter::Init(), moved %s at %s aside to %s\n", OwnedFile::Describe(st).c_str(),
+                path, aside.c_str());
+    return true;
+}
+
+// A failure is said once, until the socket is bound; then that is said too.
+void PPLCounter::SayCommandSocket(const std::string& why) {
+    const char* path = where.command_path.c_str();
+    if (why.empty() && !command_unbound)
+        return;
+    if (why.empty()) {
+        ShowLog("PPLCounter::Run(), the command socket %s is bound; commands are answered\n", path);
+    } else if (!command_unbound) {
+        ShowLog(
+            "PPLCounter::Init(), the command socket %s cannot be made: %s; counting goes on, and "
+            "the bind is tried again every %d s\n",
+            path, why.c_str(), static_cast<int>(kBindRetryMs / 1000));
     }
-    return endpoint;
+    command_unbound = !why.empty();
 }

@@ -85,7 +85,7 @@ bool PPLCounter::ParseCmd(const char* text, char* reply) {
     SAttr cmd('=', "&", "\n", nullptr);
     cmd.LoadMemory(text);
     std::cout << "ParseCmd"
-              << "(): " << text << std::endl;
+              << "(): " << Printable(text) << std::endl;
     const char* action = cmd.GetKeyValue("action");
     if (action == nullptr)
         return false;

@@ -1,4 +1,6 @@
 // The status file (live state, about once a second) and the record file.
+#include <sys/stat.h>
+
 #include "OwnedFile.h"
 #include "PPLCounter.h"
 #include "SAttr.h"
@@ -6,6 +8,7 @@
 #include "Tarn_3DPC_Counter.h"
 #include "UBrand_PPL_Counter.h"
 #include "UFile.h"
+#include "ULog.h"
 
 namespace {
 const char* const kConnect = "connect";
@@ -51,17 +54,37 @@ void PPLCounter::CameraStates(PPL_Counter_Group* group, const char*& in_state,
     }
 }
 
+// Whatever another user put at the path (a link, a FIFO, a directory, a
+// file of theirs) is moved aside with one line, so that the status file can
+// be written and nothing of theirs is deleted or written through. "" unless
+// something not the service's own stays: then why.
+std::string PPLCounter::ClaimStatusPath() {
+    const char* path = where.status_ini.c_str();
+    struct stat st;
+    if (lstat(path, &st) != 0 || OwnedFile::WhyNotOwn(st).empty())
+        return "";
+    std::string aside;
+    if (!OwnedFile::MoveAside(path, &aside))
+        return OwnedFile::Describe(st) + " that cannot be moved aside: " + UError::Text(errno);
+    ShowLog("PPLCounter::UpdateStatus(), moved %s at %s aside to %s\n",
+            OwnedFile::Describe(st).c_str(), path, aside.c_str());
+    return "";
+}
+
 // Keys others put in the file are kept, but only from a file that is the
-// service's own: whatever else is at the path reads as no file, is said
-// once, and is replaced by the next write.
+// service's own; whatever else stays at the path reads as no file and is
+// said once.
 void PPLCounter::LoadStatus(SAttr& status) {
-    std::string text;
-    std::string why;
-    OwnedFile::Read read = OwnedFile::Load(where.status_ini, ppl::kStatusIniMaxBytes, &text, &why);
-    if (read == OwnedFile::Read::Ok)
-        status.LoadMemory(text.c_str());
-    if (read != OwnedFile::Read::Refused)
-        why.clear();
+    std::string why = ClaimStatusPath();
+    if (why.empty()) {
+        std::string text;
+        OwnedFile::Read read =
+            OwnedFile::Load(where.status_ini, ppl::kStatusIniMaxBytes, &text, &why);
+        if (read == OwnedFile::Read::Ok)
+            status.LoadMemory(text.c_str());
+        if (read != OwnedFile::Read::Refused)
+            why.clear();
+    }
     if (!why.empty() && why != status_refusal)
         ShowLog("PPLCounter::UpdateStatus(), ignoring %s: %s\n", where.status_ini.c_str(),
                 why.c_str());

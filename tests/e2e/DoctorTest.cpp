@@ -24,10 +24,12 @@ struct DoctorRun {
     std::set<std::string> failed, not_checked, passed;
 };
 
-DoctorRun Doctor() {
+DoctorRun Doctor(const std::vector<std::string>& args = {"doctor"}) {
     DoctorRun run;
     Child ctl;
-    if (!ctl.Start({BuiltFile("pplctl"), "doctor"}, "/tmp") || !ctl.Wait(30000))
+    std::vector<std::string> argv = {BuiltFile("pplctl")};
+    argv.insert(argv.end(), args.begin(), args.end());
+    if (!ctl.Start(argv, "/tmp") || !ctl.Wait(30000))
         return run;
     run.status = WIFEXITED(ctl.ExitStatus()) ? WEXITSTATUS(ctl.ExitStatus()) : -1;
     run.out = ctl.Stdout() + ctl.Stderr();
@@ -69,6 +71,13 @@ TEST_F(DoctorTest, AllPassThenEachFaultFailsExactlyItsChecks) {
     ASSERT_TRUE(h_->StartService());
     ASSERT_TRUE(h_->WaitStatus("PPL.In0.Status", "connect", 8000)) << h_->Stderr();
     ASSERT_TRUE(h_->WaitStatus("PPL.Out0.Status", "connect", 8000)) << h_->Stderr();
+    // As the start-up scripts narrow it.
+    auto narrow_queue = [] {
+        DoctorRun narrowed = Doctor({"queue-access", "0770", "0"});
+        ASSERT_EQ(narrowed.status, 0) << narrowed.out;
+        EXPECT_EQ(narrowed.out, "queue 601 narrowed: mode 0770, group 0\n");
+    };
+    ASSERT_NO_FATAL_FAILURE(narrow_queue());
     DoctorRun healthy = Doctor();
     EXPECT_EQ(healthy.status, 0) << healthy.out;
     EXPECT_EQ(healthy.passed, kChecks) << healthy.out;
@@ -114,17 +123,11 @@ TEST_F(DoctorTest, AllPassThenEachFaultFailsExactlyItsChecks) {
          },
          {"camera 1 (out) connected"},
          {}},
-        {"status path taken by a directory",
-         [] {
-             unlink(ServiceHarness::kStatusIni);
-             mkdir(ServiceHarness::kStatusIni, 0755);
-         },
-         [&] {
-             rmdir(ServiceHarness::kStatusIni);
-             ASSERT_TRUE(fresh_status());
-         },
-         {"status file"},
-         kCamerasConnected},
+        {"queue 601 open to every user",
+         [] { EXPECT_EQ(Doctor({"queue-access", "0777", "0"}).status, 0); },
+         narrow_queue,
+         {"queue 601"},
+         {}},
         {"service hung",
          [&] {
              h_->Service().Signal(SIGSTOP);

@@ -1,6 +1,8 @@
 // Cameras that refuse, reject, break off, send nonsense, fall silent or
 // restart: the service keeps answering and counts right once they behave.
+#include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -10,6 +12,11 @@ namespace ppltest {
 namespace {
 
 using camsim::Subscribe;
+
+long Descriptors(pid_t pid) {
+    return std::distance(
+        std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd"), {});
+}
 
 TEST_F(FaultTest, RefusedAndRejectedSubscriptionsAreRetriedUntilTheCameraAnswers) {
     in_cam_->SetRefusing(true);
@@ -178,6 +185,37 @@ TEST_F(FaultTest, CameraRestartingWithItsTotalsBackAtZeroIsTakenAsItComes) {
     EXPECT_TRUE(h_->WaitStatus("PPL.StayIn0.Count", "-1"));
     EXPECT_EQ(h_->Status()["PPL.StayIn0.Status"], "Under");
     ASSERT_NO_FATAL_FAILURE(ExpectAlive("a camera restart"));
+    ExpectCleanStop();
+}
+
+// A camera that ends each connection once it has answered the subscription:
+// the worker reconnects at once, again and again (20,000 times natively, a
+// tenth of a review's run). The service then holds the descriptors it held
+// after the first 500 and, natively, no more memory; once the camera
+// behaves it counts as before.
+TEST_F(FaultTest, ThousandsOfReconnectsLeakNoDescriptorAndNoMemory) {
+    StartCounting();
+    std::atomic<bool> hang_up(true);
+    in_cam_->AddRoute("POST", "/LAPI/V1.0/System/Event/Subscription",
+                      [&](const camsim::Request&, camsim::Exchange& ex) {
+                          if (ex.Reply(200, "{\"Result\":0}") && !hang_up)
+                              ex.KeepForEvents();
+                          else
+                              ex.CloseAfter();
+                      });
+    in_cam_->DropConnections();
+    auto reconnected = [&](int n) {
+        return WaitFor(120000, [&] { return in_cam_->AcceptedConnections() >= n; });
+    };
+    ASSERT_TRUE(reconnected(500));
+    const pid_t pid = h_->Service().Pid();
+    const long fds = Descriptors(pid), kib = ServiceMemoryKiB(pid, "VmRSS:");
+    // Sanitized builds reconnect several times slower.
+    ASSERT_TRUE(reconnected(kib < 0 ? 4000 : 20000));
+    hang_up = false;
+    EXPECT_EQ(Descriptors(pid), fds);
+    EXPECT_LE(ServiceMemoryKiB(pid, "VmRSS:"), kib + 64) << "KiB resident, from " << kib;
+    EXPECT_TRUE(CountsRecover());
     ExpectCleanStop();
 }
 

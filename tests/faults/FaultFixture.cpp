@@ -1,7 +1,10 @@
 #include "FaultFixture.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <csignal>
+#include <cstring>
 
 namespace ppltest {
 
@@ -18,6 +21,22 @@ std::string Excerpt(const std::string& output) {
     if (from == std::string::npos)
         from = output.size() > kMax ? output.size() - kMax : 0;
     return output.substr(from, kMax);
+}
+
+long ServiceMemoryKiB(pid_t pid, const char* field) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    (void)pid, (void)field;
+    return -1;
+#else
+    char exe[4096] = {0};
+    std::string proc = "/proc/" + std::to_string(pid);
+    if (readlink((proc + "/exe").c_str(), exe, sizeof(exe) - 1) < 0 ||
+        std::string(exe).find("pplcounter") == std::string::npos)
+        return -1;
+    std::string status = ReadWholeFile(proc + "/status");
+    size_t at = status.find(field);
+    return at == std::string::npos ? -1 : std::stol(status.substr(at + strlen(field)));
+#endif
 }
 
 std::string Garbage(size_t n, unsigned seed) {

@@ -19,6 +19,11 @@ bool SanitizerSpoke(const std::string& output);
 // is one, else the last lines.
 std::string Excerpt(const std::string& output);
 
+// A memory figure of the service's from /proc/PID/status ("VmRSS:", "VmHWM:")
+// in KiB; -1 where it cannot be told apart from an emulator's or a
+// sanitizer's (their own memory counts too).
+long ServiceMemoryKiB(pid_t pid, const char* field);
+
 // n bytes of repeatable binary garbage.
 std::string Garbage(size_t n, unsigned seed);
 

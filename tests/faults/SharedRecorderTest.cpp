@@ -8,6 +8,7 @@
 #include <sys/msg.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -92,24 +93,6 @@ size_t Occurrences(const std::string& text, const std::string& what) {
     return n;
 }
 
-// The service's peak resident memory in KiB; -1 where it cannot be told
-// apart from an emulator's or a sanitizer's (their own memory counts too).
-long PeakMemoryKiB(pid_t pid) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    (void)pid;
-    return -1;
-#else
-    char exe[4096] = {0};
-    std::string proc = "/proc/" + std::to_string(pid);
-    if (readlink((proc + "/exe").c_str(), exe, sizeof(exe) - 1) < 0 ||
-        std::string(exe).find("pplcounter") == std::string::npos)
-        return -1;
-    std::string status = ReadWholeFile(proc + "/status");
-    size_t at = status.find("VmHWM:");
-    return at == std::string::npos ? -1 : std::stol(status.substr(at + 6));
-#endif
-}
-
 // Needs root outside a user namespace: the other user must exist.
 class SharedRecorderTest : public FaultTest {
 protected:
@@ -124,16 +107,6 @@ protected:
                    << " must exist for setpriv; set PPL_ALLOW_NO_NAMESPACES=1 to skip them";
         }
     }
-
-    // Starts the service, expects it to end by itself with status 0 (a
-    // failed start-up) and returns what it wrote on standard error.
-    std::string FailedStart() {
-        EXPECT_TRUE(h_->StartService());
-        EXPECT_TRUE(h_->Service().Wait(5000)) << "still runs";
-        EXPECT_TRUE(WIFEXITED(h_->Service().ExitStatus()));
-        EXPECT_EQ(WEXITSTATUS(h_->Service().ExitStatus()), 0);
-        return h_->Stderr();
-    }
 };
 
 TEST_F(SharedRecorderTest, WhateverIsAtTheStatusPathIsNeitherFollowedNorTrusted) {
@@ -144,21 +117,23 @@ TEST_F(SharedRecorderTest, WhateverIsAtTheStatusPathIsNeitherFollowedNorTrusted)
         const char* what;
         std::string plant;  // run as the other user, or as root when root_plants
         bool root_plants;
-        const char* said;    // after "ignoring /tmp/PPLCounter.ini: "
+        std::string said;    // the line's text after the time stamp
         std::string target;  // what must stay untouched
-        bool replaced;       // the service's own file takes the path
     };
+    const std::string moved = "PPLCounter::UpdateStatus(), moved ";
+    const std::string at = std::string(" of user 65534 at ") + kStatusPath + " aside to ";
     const std::vector<Case> cases = {
         {"a link to a root-only file", "ln -s " + secret + " " + kStatusPath, false,
-         "a symbolic link", secret, true},
-        {"a FIFO", std::string("mkfifo ") + kStatusPath, false, "a FIFO", kStatusPath, true},
-        {"a directory", std::string("mkdir ") + kStatusPath, false, "a directory", kStatusPath,
-         false},
+         moved + "a symbolic link" + at, secret},
+        {"a FIFO", std::string("mkfifo ") + kStatusPath, false, moved + "a FIFO" + at, kStatusPath},
+        {"a directory", std::string("mkdir ") + kStatusPath, false, moved + "a directory" + at,
+         kStatusPath},
         {"a file of another user with forged keys",
          std::string("printf 'PPL.Enable = 9\\nFORGED.Key = 1' >") + kStatusPath, false,
-         "owned by user 65534", kStatusPath, true},
-        {"a 1 GiB sparse file", std::string("truncate -s 1G ") + kStatusPath, true,
-         "1073741824 bytes, over the limit of 65536", kStatusPath, true},
+         moved + "a regular file" + at, kStatusPath},
+        {"a 1 GiB sparse file of its own", std::string("truncate -s 1G ") + kStatusPath, true,
+         std::string("ignoring ") + kStatusPath + ": 1073741824 bytes, over the limit of 65536\n",
+         kStatusPath},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -169,41 +144,32 @@ TEST_F(SharedRecorderTest, WhateverIsAtTheStatusPathIsNeitherFollowedNorTrusted)
         ASSERT_GE(held, 0);
         const std::string before = Fingerprint("/proc/self/fd/" + std::to_string(held));
         ASSERT_TRUE(h_->StartService());
-        const std::string said = std::string("ignoring ") + kStatusPath + ": " + c.said + "\n";
+        const std::string& said = c.said;
         EXPECT_TRUE(WaitFor(5000, [&] { return h_->Stderr().find(said) != std::string::npos; }))
             << Excerpt(h_->Stderr());
-        if (c.replaced) {
-            EXPECT_TRUE(h_->WaitStatus("PPL.In0.Status", "connect", 8000));
-            struct stat st;
-            ASSERT_EQ(lstat(kStatusPath, &st), 0);
-            EXPECT_TRUE(S_ISREG(st.st_mode) && st.st_uid == 0 && (st.st_mode & 07777) == 0644);
-            auto status = h_->Status();
-            EXPECT_EQ(status.count("FORGED.Key") + status.count("SECRET.Key"), 0u);
-            EXPECT_EQ(status["PPL.Enable"], "1");
-        }
-        // A status pass a second, each one meeting the same path: said once.
+        EXPECT_TRUE(h_->WaitStatus("PPL.In0.Status", "connect", 8000));
+        struct stat st;
+        ASSERT_EQ(lstat(kStatusPath, &st), 0);
+        EXPECT_TRUE(S_ISREG(st.st_mode) && st.st_uid == 0 && (st.st_mode & 07777) == 0644);
+        auto status = h_->Status();
+        EXPECT_EQ(status.count("FORGED.Key") + status.count("SECRET.Key"), 0u);
+        EXPECT_EQ(status["PPL.Enable"], "1");
+        // A status pass a second: said once.
         EXPECT_FALSE(WaitFor(2500, [&] { return Occurrences(h_->Stderr(), said) > 1; }));
         EXPECT_EQ(h_->Command("action=ppl_get_service_status", 1000).rfind("reply=success", 0), 0u);
         EXPECT_EQ(Fingerprint("/proc/self/fd/" + std::to_string(held)), before);
         close(held);
-        long peak = PeakMemoryKiB(h_->Service().Pid());
+        long peak = ServiceMemoryKiB(h_->Service().Pid(), "VmHWM:");
         EXPECT_LT(peak, 8 * 1024) << "KiB at their peak";
         ExpectCleanStop();
     }
 }
 
-TEST_F(SharedRecorderTest, AnotherUsersLockAtTheOldPathAndQueue601DoNotStopTheService) {
-    // One process that holds the lock (sleep inherits the locked file).
-    Child holder;
-    std::vector<std::string> argv = AsOtherUser();
-    argv.insert(argv.end(),
-                {"/bin/sh", "-c",
-                 std::string("exec 9>>") + kOldLockPath + " && flock 9 && exec sleep 600"});
-    ASSERT_TRUE(holder.Start(argv, "/tmp"));
-    ASSERT_TRUE(WaitFor(5000, [&] { return LockIsHeld(kOldLockPath); }));
-    int foreign = -1;
+// Another user's queue 601 is replaced; the events that user sends on the
+// service's own are logged one line each.
+TEST_F(SharedRecorderTest, AnotherUsersQueue601IsReplacedAndTheirEventsForgeNoLogLine) {
     ASSERT_TRUE(OtherUserDoes([] { return msgget(601, IPC_CREAT | IPC_EXCL | 0666) >= 0; }));
-    foreign = msgget(601, 0);
+    int foreign = msgget(601, 0);
     ASSERT_GE(foreign, 0);
 
     StartCounting();
@@ -220,38 +186,103 @@ TEST_F(SharedRecorderTest, AnotherUsersLockAtTheOldPathAndQueue601DoNotStopTheSe
     EXPECT_FALSE(OtherUserDoes([own] { return msgctl(own, IPC_RMID, nullptr) == 0; }));
     ASSERT_TRUE(h_->SendModuleEvent("event=del_camera&ch=1"));
     EXPECT_TRUE(WaitFor(5000, [&] { return out_cam_->Subscribers() == 0; }));
-    ASSERT_NO_FATAL_FAILURE(ExpectAlive("another user's lock and queue"));
+    // A newline forges no line of root's log; a backslash stays told apart.
+    ASSERT_TRUE(OtherUserDoes([] {
+        NEventMQ queue(601, false);
+        const std::string forged = "event=x\nevil::0:0::/root:/bin/sh\\n\x01";
+        return queue.Send(forged.c_str(), unsigned(forged.size())) == int(forged.size());
+    }));
+    EXPECT_EQ(h_->Command("action=ppl_config_change\nevil").rfind("reply=", 0), 0u);
+    EXPECT_TRUE(WaitFor(3000, [&] {
+        return h_->Stderr().find("=> event=x\\nevil::0:0::/root:/bin/sh\\\\n\\x01\n") !=
+               std::string::npos;
+    })) << Excerpt(h_->Stderr());
+    EXPECT_NE(h_->Stdout().find("ParseCmd(): action=ppl_config_change\\nevil\n"),
+              std::string::npos);
+    EXPECT_EQ(Occurrences(h_->Stderr() + h_->Stdout(), "\nevil"), 0u);
+    ASSERT_NO_FATAL_FAILURE(ExpectAlive("another user's queue and events"));
     ExpectCleanStop();
-    holder.Signal(SIGKILL);
 }
 
-// A path holding anything but a socket ends the start-up as any endpoint
-// that cannot be made does; a socket left by a killed service is replaced,
-// and its queue 601 taken over as it is.
-TEST_F(SharedRecorderTest, ACommandSocketPathThatIsNoSocketIsRefused) {
-    for (const std::string& plant : {std::string("mkdir "), std::string("touch ")}) {
-        ASSERT_TRUE(OtherUserRuns(plant + kSocketPath));
-        const std::string before = Fingerprint(kSocketPath);
-        std::string err = FailedStart();
-        EXPECT_EQ(Occurrences(err, std::string("refusing the command socket ") + kSocketPath), 1u)
-            << err;
-        EXPECT_EQ(Fingerprint(kSocketPath), before) << plant;
-        ASSERT_EQ(system((std::string("rm -rf ") + kSocketPath).c_str()), 0);
+// Whatever is at the socket path makes way (a directory moved aside with
+// what it holds, anything else removed: one line each), as does a socket
+// left by a killed service. Each time the service counts and answers, and
+// though it runs under umask 000 with its bind slowed (a second late), no
+// other user can send a command, not even the moment the path appears.
+TEST_F(SharedRecorderTest, WhateverIsAtTheCommandSocketPathMakesWayForASocketOnlyRootReaches) {
+    const std::string path = kSocketPath;
+    for (const std::string& plant : {"mkdir " + path + " && touch " + path + "/kept",
+                                     "touch " + path, "ln -s /opt " + path, std::string()}) {
+        SCOPED_TRACE(plant);
+        if (h_->Service().Running()) {
+            ASSERT_EQ(h_->StopService(plant.empty() ? SIGKILL : SIGTERM), plant.empty() ? 9 : 0);
+        }
+        ASSERT_TRUE(plant.empty() || OtherUserRuns(plant));
+        mode_t mask = umask(0);
+        ASSERT_TRUE(h_->StartService(WithShim({"PPL_SHIM_BIND_DELAY_MS=1000"})));
+        umask(mask);
+        EXPECT_FALSE(OtherUserDoes([] {
+            NCommandIPC intruder("/tmp/intruder", kSocketPath);
+            return WaitFor(5000, [] { return access(kSocketPath, F_OK) == 0; }) &&
+                   intruder.Send("action=ppl_config_change", 24) > 0;
+        })) << "another user's command was taken";
+        EXPECT_TRUE(ServiceStatusBecomes("reply=success&in0=connect&out0=connect", 8000));
+        EXPECT_EQ(Occurrences(h_->Stderr(), " of user 65534 at " + path), plant.empty() ? 0u : 1u)
+            << Excerpt(h_->Stderr());
+        struct stat st;
+        ASSERT_EQ(lstat(kSocketPath, &st), 0);
+        EXPECT_TRUE(S_ISSOCK(st.st_mode) && st.st_uid == 0 && (st.st_mode & 07777) == 0660);
     }
-    StartCounting();
-    ASSERT_EQ(h_->StopService(SIGKILL), SIGKILL);
-    struct stat st;
-    ASSERT_EQ(lstat(kSocketPath, &st), 0) << "a killed service leaves its socket";
-    StartCounting();
-    // The killed one's status file and subscriptions can still show: the new
-    // one has replaced the socket once it answers on it.
-    ASSERT_TRUE(ServiceStatusBecomes("reply=success&in0=connect&out0=connect", 8000))
-        << "no answer after a stale socket and queue";
-    ASSERT_EQ(lstat(kSocketPath, &st), 0);
-    EXPECT_TRUE(S_ISSOCK(st.st_mode) && st.st_uid == 0);
-    EXPECT_EQ(st.st_mode & 07777, 0660u) << "whatever the umask";
+    EXPECT_EQ(system(("test -f " + path + ".aside-*/kept").c_str()), 0) << "the directory's file";
     EXPECT_EQ(h_->Stderr().find("queue 601"), std::string::npos) << "the killed one's is adopted";
-    ASSERT_NO_FATAL_FAILURE(ExpectAlive("a stale socket and queue"));
+    ExpectCleanStop();
+}
+
+// With /tmp out of inodes the socket cannot be made: the service counts all
+// the same, says so once, and answers once inodes are free again.
+TEST_F(SharedRecorderTest, ATmpOutOfInodesAtTheStartStopsOnlyTheCommandsUntilInodesAreFree) {
+    struct statvfs fs;
+    ASSERT_EQ(statvfs("/tmp", &fs), 0);
+    // Room for the service's two output files and nothing else.
+    const std::string inodes = std::to_string(fs.f_files - fs.f_ffree + 2);
+    ASSERT_EQ(system(("mount -o remount,nr_inodes=" + inodes + " /tmp").c_str()), 0);
+    ASSERT_TRUE(h_->StartService());
+    ASSERT_TRUE(in_cam_->WaitForSubscribers(1, 8000)) << Excerpt(h_->Stderr());
+    EXPECT_TRUE(CountsRecover());
+    EXPECT_EQ(h_->Command("action=ppl_get_service_status", 500), "");
+    ASSERT_EQ(system("mount -o remount,nr_inodes=100000 /tmp"), 0);
+    EXPECT_TRUE(ServiceStatusBecomes("reply=success&in0=connect&out0=connect", 8000));
+    EXPECT_EQ(Occurrences(h_->Stderr(), std::string("command socket ") + kSocketPath), 2u)
+        << "that it cannot be made, then that it is bound\n"
+        << Excerpt(h_->Stderr());
+    ExpectCleanStop();
+}
+
+// With /run (and /var/run) read-only the lock goes to a directory of the
+// service's own in /tmp: another user's link at its name is moved aside.
+// Where the service may not move it (/tmp is not root's, and the service
+// lacks CAP_FOWNER) it says so and counts without the lock.
+TEST_F(SharedRecorderTest, AnotherUsersThingsWhereTheLockGoesNeverStopAStart) {
+    ASSERT_EQ(system("mount -o remount,ro /run && { test -L /var/run || mount -t tmpfs -o ro "
+                     "tmpfs /var/run; }"),
+              0);
+    const std::string dir = "/tmp/PPLCounter.lock.d";
+    ASSERT_TRUE(OtherUserRuns(std::string("touch ") + kOldLockPath + " && ln -s /tmp " + dir));
+    StartCounting();
+    EXPECT_TRUE(LockIsHeld(dir + "/PPLCounter.lock"));
+    struct stat st;
+    ASSERT_EQ(lstat(dir.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISDIR(st.st_mode) && st.st_uid == 0 && (st.st_mode & 07777) == 0700);
+    EXPECT_NE(h_->Stderr().find("moved a symbolic link of user 65534 at " + dir),
+              std::string::npos);
+    ExpectCleanStop();
+
+    ASSERT_EQ(system(("rm -r " + dir + " && chown 12345 /tmp").c_str()), 0);
+    ASSERT_TRUE(OtherUserRuns("mkdir " + dir));
+    ASSERT_TRUE(h_->StartService({"/usr/bin/setpriv", "--bounding-set=-fowner"}));
+    ASSERT_TRUE(ServiceStatusBecomes("reply=success&in0=connect&out0=connect", 8000));
+    EXPECT_NE(h_->Stderr().find("; running without the instance lock\n"), std::string::npos)
+        << Excerpt(h_->Stderr());
     ExpectCleanStop();
 }
 

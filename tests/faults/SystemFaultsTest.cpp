@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <string>
 
 #include "FaultFixture.h"
@@ -120,6 +121,34 @@ TEST_F(FaultTest, StatusFileDeletedEditedOrNotWritable) {
     EXPECT_FALSE(StatusRecovers(1500)) << "nothing can be written";
     ASSERT_EQ(umount2("/tmp", MNT_DETACH), 0) << strerror(errno);
     EXPECT_TRUE(StatusRecovers());
+    ExpectCleanStop();
+}
+
+// Wall-clock steps (to 1970, a day forward, a day back) change nothing: the
+// passes, the status file, the camera restart and the camera connections are
+// timed by the monotonic clock. The steps are the service's view of the
+// clock (a preloaded shim), as the time stamps of its log lines show.
+TEST_F(FaultTest, WallClockStepsChangeNothing) {
+    const std::string shift = "/tmp/clock-shift";
+    ASSERT_TRUE(WriteWholeFile(shift, "0"));
+    ASSERT_TRUE(h_->StartService(WithShim({"PPL_SHIM_CLOCK_FILE=" + shift})));
+    ASSERT_TRUE(ServiceStatusBecomes("reply=success&in0=connect&out0=connect", 8000))
+        << Excerpt(h_->Stderr());
+    const int subscriptions = Subscriptions(*in_cam_) + Subscriptions(*out_cam_);
+    const long noon_1970 = 43200 - static_cast<long>(time(nullptr));
+    for (long step : {noon_1970, noon_1970 + 86400, noon_1970}) {
+        ASSERT_TRUE(WriteWholeFile(shift, std::to_string(step)));
+        ASSERT_TRUE(h_->SendModuleEvent("event=add_camera&ch=9"));
+        in_cam_->Walk(1, 0);
+        EXPECT_TRUE(CountsRecover());
+        EXPECT_TRUE(StatusRecovers());
+    }
+    EXPECT_EQ(h_->Command("action=ppl_reset_service&group=0"), "reply=success&wait_5_seconds");
+    EXPECT_TRUE(WaitFor(7000, [&] { return in_cam_->CountingEnabled(); })) << "restarted";
+    EXPECT_EQ(Subscriptions(*in_cam_) + Subscriptions(*out_cam_), subscriptions) << "reconnected";
+    for (const char* day : {"Jan  1 ", "Jan  2 "})
+        EXPECT_NE(h_->Stderr().find(day), std::string::npos) << day << " 1970 in the log";
+    ASSERT_NO_FATAL_FAILURE(ExpectAlive("wall-clock steps"));
     ExpectCleanStop();
 }
 

@@ -2,9 +2,11 @@
 # The installed init script as a recorder runs it: BusyBox sh with only BusyBox
 # applets on PATH, in private namespaces, starting the installed binary beside
 # it. Process id files naming an unrelated live process, a log path that is a
-# link, start, status, a killed service started again (with a stamped note), a
-# log kept under its cap while cameras send events fast, stop, and stop of a
-# service that ignores SIGTERM.
+# link, a log or process id directory another user may write, start, status, a
+# killed service started again (with a stamped note), a log kept under its cap
+# while cameras send events fast, another user's forged del_camera (refused,
+# also after a restart), a log directory that became shared (the next rotation
+# reopens nothing), stop, and stop of a service that ignores SIGTERM.
 # Usage: initscript_test.sh SOURCE_DIR BUILD_DIR
 set -euo pipefail
 src=$1 build=$2
@@ -40,7 +42,7 @@ busybox --install -s /tmp/bb
 
 cap=16384
 initd() {
-    env -i PATH=/tmp/bb PPLCOUNTER_RUNDIR=/tmp/run PPLCOUNTER_LOG="${LOG:-/tmp/log/pplcounter.log}" \
+    env -i PATH=/tmp/bb PPLCOUNTER_RUNDIR="${RUNDIR:-/tmp/run}" PPLCOUNTER_LOG="${LOG:-/tmp/log/pplcounter.log}" \
         PPLCOUNTER_LOG_MAX="${LOG_CAP:-$cap}" /tmp/bb/sh /mnt/ppl/etc/init.d/pplcounter "$@"
 }
 # Waits up to $1 tenths of a second for the command that follows to succeed.
@@ -85,6 +87,20 @@ ln -s /tmp/log/elsewhere /tmp/log/pplcounter.log
 [ ! -e /tmp/log/elsewhere ] || fail "the link's target was created"
 rm /tmp/log/pplcounter.log
 
+# Root writes the log and the process id files by name: a directory another
+# user may write (sticky /tmp included) is refused, and a link put in one is
+# never written through.
+as_other() { setpriv --reuid=65534 --regid=65534 --clear-groups "$@"; }
+echo secret >/tmp/secret && chmod 600 /tmp/secret
+[ "$(LOG=/tmp/pplcounter.log initd start 2>&1)" = \
+    "pplcounter: refusing the log /tmp/pplcounter.log: /tmp may be written by other users than root" ] ||
+    fail "a log in /tmp was not refused"
+as_other sh -c 'mkdir /tmp/theirs && ln -s /tmp/secret /tmp/theirs/pplcounter.pid'
+[ "$(RUNDIR=/tmp/theirs initd start 2>&1)" = \
+    "pplcounter: refusing the process id directory /tmp/theirs: /tmp/theirs belongs to user 65534" ] ||
+    fail "another user's process id directory was not refused: $(RUNDIR=/tmp/theirs initd start 2>&1)"
+[ "$(cat /tmp/secret)" = secret ] || fail "a process id was written through a link"
+
 [ "$(initd start)" = "pplcounter started" ] || fail "start"
 wait_for 50 alive || fail "the service did not start"
 wait_for 20 runs_binary ||
@@ -105,6 +121,7 @@ restart_logged() {
 wait_for 30 restart_logged ||
     fail "the restart was not logged; the log ends: $(tail -c 600 /tmp/log/pplcounter.log)"
 replaced() { [ "$(service_pid)" != "$first" ]; }
+replaced_by_another() { [ -n "$(service_pid)" ] && [ "$(service_pid)" != "$previous" ] && runs_binary; }
 wait_for 30 replaced ||
     fail "a killed service was not started again"
 wait_for 30 alive || fail "the restarted service is not running"
@@ -131,6 +148,32 @@ done
 [ "$rotations" -ge 3 ] || fail "the log was rotated $rotations times in 30 s"
 echo "log $size bytes, previous $old bytes, cap $cap, over $rotations rotations"
 
+# Queue 601 is narrowed before and after each start of the service: another
+# user cannot send a forged del_camera, nor after the service was restarted.
+in_connected() { /mnt/ppl/bin/pplctl status 2>/dev/null | grep -qx "in camera:  connect"; }
+for round in start restart; do
+    wait_for 50 in_connected || fail "$round: camera 0 is not connected"
+    out=$(as_other /mnt/ppl/bin/pplctl camera del 0 2>&1) && fail "$round: another user's del_camera was sent"
+    sleep 0.5
+    in_connected || fail "$round: another user's del_camera disconnected camera 0"
+    echo "$round: another user's del_camera refused ($out)"
+    previous=$(service_pid)
+    kill -TERM "$previous"
+    wait_for 30 replaced_by_another || fail "the service ended by SIGTERM was not started again"
+done
+
+# A log directory that another user may write from now on: the next rotation
+# opens nothing there, so a link put at the path is never written through.
+chmod 1777 /tmp/log
+inode=$(stat -c %i "$log.1")
+wait_for 100 sh -c "[ \"\$(stat -c %i $log.1)\" != $inode ]" || fail "no rotation in 10 s"
+sleep 0.5
+[ ! -e "$log" ] || fail "the log was opened again in a directory others may write"
+as_other ln -s /tmp/secret "$log"
+sleep 1
+[ "$(cat /tmp/secret)" = secret ] || fail "the log writer wrote through another user's link"
+rm "$log" && chmod 755 /tmp/log
+
 # A log that cannot be written is refused at start, before anything runs.
 [ "$(initd stop)" = "pplcounter stopped" ] || fail "stop before the log checks"
 [ "$(LOG=/tmp/log/missing/pplcounter.log initd start 2>&1)" = \
@@ -144,7 +187,7 @@ initd status >/dev/null && fail "started with a log that cannot be written"
 # a file (which cannot be moved, so only root's run would see a rotation).
 dev=/tmp/devlog/null
 mkdir /tmp/devlog
-if mount -t tmpfs -o dev tmpfs /tmp/devlog 2>/dev/null && mknod -m 600 "$dev" c 1 3 2>/dev/null; then
+if mount -t tmpfs -o dev,mode=0755 tmpfs /tmp/devlog 2>/dev/null && mknod -m 600 "$dev" c 1 3 2>/dev/null; then
     :
 else
     { : >"$dev" && mount --bind /dev/null "$dev"; } || fail "no device can be put at $dev"

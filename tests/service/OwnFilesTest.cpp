@@ -64,7 +64,7 @@ TEST_F(OwnFiles, WhatIsAtThePathDecidesWhetherItIsUsed) {
         EXPECT_EQ(read, *c.load_refusal ? OwnedFile::Read::Refused : OwnedFile::Read::Ok);
         EXPECT_EQ(why, c.load_refusal);
         InstanceLock lock;
-        EXPECT_EQ(lock.Take(path, &why), *c.lock_refusal == '\0');
+        EXPECT_EQ(lock.Take(path, &why) == InstanceLock::Outcome::Held, *c.lock_refusal == '\0');
         EXPECT_EQ(why.rfind(c.lock_refusal, 0), 0u) << why;
         EXPECT_FALSE(std::filesystem::exists(target)) << "a link's target was created";
         if (*c.lock_refusal != '\0')
@@ -73,22 +73,20 @@ TEST_F(OwnFiles, WhatIsAtThePathDecidesWhetherItIsUsed) {
         ASSERT_EQ(stat(path.c_str(), &st), 0);
         EXPECT_EQ(st.st_mode & 07777, 0600u) << "only its user may open it";
         InstanceLock second;
-        EXPECT_FALSE(second.Take(path, &why));
+        EXPECT_EQ(second.Take(path, &why), InstanceLock::Outcome::Busy);
         EXPECT_EQ(why, "another pplcounter is already running (" + path + " is locked)");
     }
 }
 
-TEST_F(OwnFiles, TheLockGoesToTheFirstWritableDirectoryAndIsHeldWhileItsObjectLives) {
+TEST_F(OwnFiles, TheLockGoesToTheFirstDirectoryOnlyItsUserMayWriteAndIsHeldWhileItsObjectLives) {
     ASSERT_TRUE(WriteWholeFile(dir_ + "/file", ""));
-    EXPECT_EQ(InstanceLock::PathIn({dir_ + "/missing", dir_ + "/file", dir_, "/tmp"}),
-              dir_ + "/PPLCounter.lock");
-    EXPECT_EQ(InstanceLock::PathIn({dir_ + "/missing", dir_ + "/also-missing"}),
-              dir_ + "/also-missing/PPLCounter.lock");
+    EXPECT_EQ(InstanceLock::DirIn({dir_ + "/missing", dir_ + "/file", "/tmp", dir_}), dir_);
+    EXPECT_EQ(InstanceLock::DirIn({dir_ + "/missing", "/tmp"}), "") << "others may write /tmp";
     const std::string path = dir_ + "/PPLCounter.lock";
     {
         InstanceLock lock;
         std::string why;
-        ASSERT_TRUE(lock.Take(path, &why)) << why;
+        ASSERT_EQ(lock.Take(path, &why), InstanceLock::Outcome::Held) << why;
         EXPECT_TRUE(LockIsHeld(path));
     }
     EXPECT_FALSE(LockIsHeld(path));

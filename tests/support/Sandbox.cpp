@@ -211,6 +211,22 @@ bool EnterSandbox(std::string* why) {
     return BringLoopbackUp(why);
 }
 
+std::vector<std::string> WithShim(const std::vector<std::string>& settings) {
+    // The shim comes before a sanitizer's runtime, which would refuse that.
+    const char* asan = getenv("ASAN_OPTIONS");
+    std::vector<std::string> env = {
+        "/usr/bin/env", "LD_PRELOAD=" + BuildTreeForChildren() + "/libpplshim.so",
+        "ASAN_OPTIONS=" + std::string(asan != nullptr ? asan : "") + ":verify_asan_link_order=0"};
+    env.insert(env.end(), settings.begin(), settings.end());
+#ifdef PPL_TARGET_EMULATOR
+    std::string list = env[1];
+    for (size_t i = 2; i < env.size(); ++i)
+        list += "," + env[i];
+    env = {env[0], "QEMU_SET_ENV=" + list};
+#endif
+    return env;
+}
+
 bool NamespacesMayBeSkipped() {
     const char* allow = getenv("PPL_ALLOW_NO_NAMESPACES");
     return allow != nullptr && strcmp(allow, "1") == 0;

@@ -37,6 +37,12 @@ std::string BuiltFile(const std::string& relative);
 // children) can use after /tmp was covered: /proc/<pid>/fd/<handle>.
 std::string BuildTreeForChildren();
 
+// A wrapper for Child::Start that runs the program with the tests' shim
+// (PreloadShim.cpp) preloaded and these NAME=VALUE settings in its
+// environment; under the tests' emulator they are handed to the emulated
+// program.
+std::vector<std::string> WithShim(const std::vector<std::string>& settings);
+
 // Tests that need private namespaces fail where the kernel refuses them,
 // unless PPL_ALLOW_NO_NAMESPACES=1 explicitly allows skipping them
 // (SandboxGTest.h turns that into a failed or skipped test).

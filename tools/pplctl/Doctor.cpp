@@ -14,6 +14,8 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <iterator>
+#include <vector>
 
 #include "ConfigCheck.h"
 #include "OwnedFile.h"
@@ -155,8 +157,11 @@ private:
             return;
         }
         std::string looked;
-        for (const char* dir : ppl::kInstanceLockDirs) {
-            std::string path = std::string(dir) + "/" + ppl::kInstanceLockName;
+        std::vector<std::string> dirs(std::begin(ppl::kInstanceLockDirs),
+                                      std::end(ppl::kInstanceLockDirs));
+        dirs.push_back(ppl::kInstanceLockFallbackDir);
+        for (const std::string& dir : dirs) {
+            std::string path = dir + "/" + ppl::kInstanceLockName;
             looked += (looked.empty() ? "" : ", ") + path;
             struct stat st;
             int pid = 0;
@@ -220,7 +225,8 @@ private:
     }
 
     // Queue 601 must be the service's (or root's): another user who made it
-    // could remove it or read the events meant for the service.
+    // could remove it or read the events meant for the service. Nor may any
+    // user send on it: a forged del_camera disconnects a camera.
     void CheckOwnQueue() {
         const char* name = "queue 601";
         msqid_ds ds;
@@ -230,10 +236,21 @@ private:
             return;
         }
         auto trusted = [&](uid_t uid) { return uid == service_uid_ || uid == 0; };
-        Check(trusted(ds.msg_perm.uid) && trusted(ds.msg_perm.cuid), name,
+        bool owned = trusted(ds.msg_perm.uid) && trusted(ds.msg_perm.cuid);
+        bool open_to_all = (ds.msg_perm.mode & S_IWOTH) != 0;
+        char access[40];
+        snprintf(access, sizeof(access), "mode %04o, group %u",
+                 static_cast<unsigned>(ds.msg_perm.mode & 0777),
+                 static_cast<unsigned>(ds.msg_perm.gid));
+        Check(owned && !open_to_all, name,
               "made by user " + std::to_string(ds.msg_perm.cuid) + ", owned by user " +
                   std::to_string(ds.msg_perm.uid) + " (the service runs as user " +
-                  std::to_string(service_uid_) + "), " + std::to_string(ds.msg_qnum) + " waiting");
+                  std::to_string(service_uid_) + "), " + access + ", " +
+                  std::to_string(ds.msg_qnum) + " waiting" +
+                  (owned && open_to_all
+                       ? ": any user may send it events (a forged del_camera disconnects a "
+                         "camera); the start-up scripts narrow it with pplctl queue-access"
+                       : ""));
     }
 
     void CheckPeerQueue() {

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -19,6 +20,7 @@
 #include "OwnedFile.h"
 #include "PPLConstants.h"
 #include "PPLVersion.h"
+#include "QueueAccess.h"
 #include "SAttr.h"
 #include "ServiceClient.h"
 #include "ULog.h"
@@ -49,12 +51,18 @@ const char* const kUsageText =
     "  doctor            check the deployment: the service runs and answers, its status\n"
     "                    file and queues, the configuration, each camera; one line per\n"
     "                    check (takes nothing off the queues)\n"
+    "  queue-access MODE GROUP  give queue 601 this octal mode (with all of the owner's\n"
+    "                    bits, e.g. 0770) and group (name or number): made so when\n"
+    "                    missing, for the service to take; the start-up scripts run it\n"
+    "                    before and after each start of the service (--seconds: how long\n"
+    "                    another user's queue is waited out)\n"
     "\n"
     "Options:\n"
     "  --socket PATH     service command socket (default /tmp/SI_PPLCOUNTER)\n"
     "  --status PATH     status file (default /tmp/PPLCounter.ini)\n"
     "  --timeout MS      wait for a reply (default 3000)\n"
-    "  --seconds N       end 'events' and 'watch' after N seconds\n"
+    "  --seconds N       end 'events' and 'watch' after N seconds; wait for\n"
+    "                    'queue-access'\n"
     "  --take            let 'events' read queue 259 although another module owns it\n"
     "  --version         the release of pplctl\n"
     "  -h, --help        this text\n"
@@ -62,7 +70,8 @@ const char* const kUsageText =
     "Exit status: 0 done, 1 the service answered reply=error (or another result),\n"
     "2 usage error, 3 no answer from the service, 4 system error. check-config:\n"
     "0 no problem, 1 problems found, 2 the file cannot be read. doctor: 0 every\n"
-    "check passed, 1 otherwise. events: 1 when another module owns queue 259.\n";
+    "check passed, 1 otherwise. events: 1 when another module owns queue 259.\n"
+    "queue-access: 1 when queue 601 is another user's.\n";
 
 std::atomic<bool> g_interrupted(false);
 
@@ -272,9 +281,10 @@ int Camera(const Options& o) {
     std::string text = "event=" + o.args[1] + "_camera&ch=" + std::to_string(ch);
     NEventMQ queue(ppl::kEventInKey, false);
     if (queue.Send(text.c_str(), static_cast<unsigned int>(text.size())) < 0) {
-        fprintf(stderr, "pplctl: cannot send on queue %d: is pplcounter running?\n",
-                ppl::kEventInKey);
-        return kNoService;
+        int err = errno;
+        fprintf(stderr, "pplctl: cannot send on queue %d: %s\n", ppl::kEventInKey,
+                err == ENOENT ? "is pplcounter running?" : UError::Text(err).c_str());
+        return err == ENOENT ? kNoService : kRefused;
     }
     printf("sent %s\n", text.c_str());
     return kOk;
@@ -385,6 +395,11 @@ int main(int argc, char** argv) {
         if (ExtraArguments(o, 0))
             return kUsage;
         return RunDoctor({o.socket_path, o.status_path, ppl::kSystemIniPath});
+    }
+    if (cmd == "queue-access") {
+        if (o.args.size() != 3)
+            return Usage("queue-access takes a mode and a group");
+        return QueueAccess(ppl::kEventInKey, o.args[1], o.args[2], o.seconds);
     }
     if (cmd == "send")
         return Send(o);
