@@ -51,8 +51,8 @@ int InstanceLock::OwnDirectory(const std::string& dir, std::string* why, std::st
     if (lstat(dir.c_str(), &st) == 0 && (!S_ISDIR(st.st_mode) || st.st_uid != geteuid())) {
         std::string aside;
         if (!OwnedFile::MoveAside(dir, &aside)) {
-            *why = OwnedFile::Describe(st) + " is at " + dir +
-                   " and cannot be moved aside: " + UError::Text(errno);
+            const std::string err = UError::Text(errno);
+            *why = OwnedFile::Describe(st) + " is at " + dir + " and cannot be moved aside: " + err;
             return -1;
         }
         *said = "moved " + OwnedFile::Describe(st) + " at " + dir + " aside to " + aside;

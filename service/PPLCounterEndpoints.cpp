@@ -199,8 +199,9 @@ bool PPLCounter::ClearCommandSocketPath(std::string* why) {
     std::string aside;
     bool cleared = S_ISDIR(st.st_mode) ? OwnedFile::MoveAside(path, &aside) : unlink(path) == 0;
     if (!cleared) {
+        const std::string err = UError::Text(errno);
         *why = OwnedFile::Describe(st) + " is there and cannot be " +
-               (S_ISDIR(st.st_mode) ? "moved aside: " : "removed: ") + UError::Text(errno);
+               (S_ISDIR(st.st_mode) ? "moved aside: " : "removed: ") + err;
         return false;
     }
     if (aside.empty())

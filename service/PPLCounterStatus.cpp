@@ -64,8 +64,10 @@ std::string PPLCounter::ClaimStatusPath() {
     if (lstat(path, &st) != 0 || OwnedFile::WhyNotOwn(st).empty())
         return "";
     std::string aside;
-    if (!OwnedFile::MoveAside(path, &aside))
-        return OwnedFile::Describe(st) + " that cannot be moved aside: " + UError::Text(errno);
+    if (!OwnedFile::MoveAside(path, &aside)) {
+        const std::string err = UError::Text(errno);
+        return OwnedFile::Describe(st) + " that cannot be moved aside: " + err;
+    }
     ShowLog("PPLCounter::UpdateStatus(), moved %s at %s aside to %s\n",
             OwnedFile::Describe(st).c_str(), path, aside.c_str());
     return "";

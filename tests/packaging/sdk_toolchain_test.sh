@@ -33,7 +33,7 @@ readelf -h "$work/build/pplcounter" | grep -q "Class:.*ELF32" || fail "pplcounte
 if command -v qemu-arm >/dev/null; then
     # shellcheck disable=SC2016 # expanded by the inner shell
     out=$(unshare --mount --map-root-user bash -c 'mount --make-rprivate / &&
-        mount --bind "$1" /mnt && mount -t tmpfs tmpfs /tmp && mount -t tmpfs tmpfs /run &&
+        mount --bind "$1" /mnt && mount -t tmpfs tmpfs /tmp && mount -t tmpfs -o mode=0755 tmpfs /run &&
         exec 9>/run/PPLCounter.lock && flock 9 &&
         qemu-arm -L /mnt/sysroot /mnt/build/pplcounter 2>&1; echo "status $?"' sdk "$work") || true
     [ "$out" = "pplcounter: another pplcounter is already running (/run/PPLCounter.lock is locked)
