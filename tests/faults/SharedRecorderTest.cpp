@@ -218,18 +218,26 @@ TEST_F(SharedRecorderTest, WhateverIsAtTheCommandSocketPathMakesWayForASocketOnl
             ASSERT_EQ(h_->StopService(plant.empty() ? SIGKILL : SIGTERM), plant.empty() ? 9 : 0);
         }
         ASSERT_TRUE(plant.empty() || OtherUserRuns(plant));
+        struct stat st = {};
+        lstat(kSocketPath, &st);
+        const ino_t before = st.st_ino;
         mode_t mask = umask(0);
         ASSERT_TRUE(h_->StartService(WithShim({"PPL_SHIM_BIND_DELAY_MS=1000"})));
         umask(mask);
-        EXPECT_FALSE(OtherUserDoes([] {
+        // The intruder sends the moment the new socket is there.
+        EXPECT_FALSE(OtherUserDoes([before] {
             NCommandIPC intruder("/tmp/intruder", kSocketPath);
-            return WaitFor(5000, [] { return access(kSocketPath, F_OK) == 0; }) &&
+            struct stat now;
+            return WaitFor(5000,
+                           [&] {
+                               return lstat(kSocketPath, &now) == 0 && S_ISSOCK(now.st_mode) &&
+                                      now.st_ino != before;
+                           }) &&
                    intruder.Send("action=ppl_config_change", 24) > 0;
         })) << "another user's command was taken";
         EXPECT_TRUE(ServiceStatusBecomes("reply=success&in0=connect&out0=connect", 8000));
         EXPECT_EQ(Occurrences(h_->Stderr(), " of user 65534 at " + path), plant.empty() ? 0u : 1u)
             << Excerpt(h_->Stderr());
-        struct stat st;
         ASSERT_EQ(lstat(kSocketPath, &st), 0);
         EXPECT_TRUE(S_ISSOCK(st.st_mode) && st.st_uid == 0 && (st.st_mode & 07777) == 0660);
     }
