@@ -59,10 +59,6 @@ std::string Printable(const char* text) {
             out += "\\\\";
         else if (c == '\n')
             out += "\\n";
-        else if (c == '\r')
-            out += "\\r";
-        else if (c == '\t')
-            out += "\\t";
         else if (c < 0x20 || c == 0x7f)
             out += std::string("\\x") + kHex[c >> 4] + kHex[c & 15];
         else
