@@ -13,6 +13,7 @@
 #include <ctime>
 
 #include "ULog.h"
+#include "UTime.h"
 #include "UWait.h"
 #include "ipc_va.h"
 
@@ -49,15 +50,7 @@ bool ReadInt(const char* p, const char* end, int* value) {
 }  // namespace
 
 uint32_t GetTickCount() {
-    timespec ts;
-    if (clock_gettime(CLOCK_MONOTONIC, &ts) == 0) {
-        return static_cast<uint32_t>(static_cast<uint64_t>(ts.tv_sec) * 1000 +
-                                     static_cast<uint64_t>(ts.tv_nsec) / 1000000);
-    }
-    timeval tv;
-    gettimeofday(&tv, nullptr);
-    return static_cast<uint32_t>(static_cast<uint64_t>(tv.tv_sec) * 1000 +
-                                 static_cast<uint64_t>(tv.tv_usec) / 1000);
+    return static_cast<uint32_t>(UTime::GetMonotonicMs());
 }
 
 UBrand_PPL_Counter::UBrand_PPL_Counter(int idx)
@@ -162,9 +155,7 @@ int UBrand_PPL_Counter::get_ppl_total_cam_stayin() {
 void UBrand_PPL_Counter::reset_ppl_total_counts() {
     total_in = 0;
     total_out = 0;
-    Abstract_PPL_CB* cb = count_cb;
-    if (cb != nullptr)
-        cb->count_result(this);
+    notify_count_result();
 }
 
 void* UBrand_PPL_Counter::func_count_thread(void* arg) {
@@ -327,9 +318,7 @@ void UBrand_PPL_Counter::CountingResult(const std::string& json) {
     out = new_out;
     total_in = new_total_in;
     total_out = new_total_out;
-    Abstract_PPL_CB* cb = count_cb;
-    if (cb != nullptr)
-        cb->count_result(this);
+    notify_count_result();
     dir_label = PPL_DIR_Label(get_dir());
     fprintf(stderr, "[%s Cam, idx: %d] Set in: %d, out: %d, total in: %d, total out: %d\n",
             dir_label.c_str(), cam_idx, new_in, new_out, new_total_in, new_total_out);

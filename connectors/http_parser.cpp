@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "UFile.h"
 #include "UWait.h"
 
 namespace {
@@ -193,20 +194,6 @@ int scan_looked_at(HTTP_CONTEXT* ctx, uint32_t looked, uint32_t* taken) {
     return scanned;
 }
 
-// Takes exactly length bytes that a look has shown to be there.
-ssize_t consume(int fd, char* to, uint32_t length) {
-    uint32_t got = 0;
-    while (got < length) {
-        ssize_t n = recv(fd, to + got, length - got, 0);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return n;
-        got += static_cast<uint32_t>(n);
-    }
-    return got;
-}
-
 }  // namespace
 
 // The head is read without ever taking a byte of the body: each look at the
@@ -242,7 +229,8 @@ int http_read_until_got_request(int fd, HTTP_CONTEXT* ctx, const timeval& wait, 
         const uint32_t position = ctx->position;
         uint32_t taken = 0;
         int scanned = scan_looked_at(ctx, static_cast<uint32_t>(looked), &taken);
-        ssize_t got = consume(fd, at, taken);
+        // Exactly the bytes the look showed are there.
+        ssize_t got = UFile::ReadAll(fd, at, taken);
         if (got != static_cast<ssize_t>(taken)) {
             // Nothing counts as read: the context stays as it was.
             int result = got < 0 ? -errno : -1;

@@ -15,6 +15,7 @@
 #include "Tarn_3DPC_Counter.h"
 #include "UBrand_PPL_Counter.h"
 #include "USignal.h"
+#include "UTime.h"
 
 namespace {
 constexpr uint64_t kStatusPeriodMs = 1000;
@@ -94,9 +95,7 @@ void PPLCounter::Stop() {
 }
 
 uint64_t PPLCounter::GetTime() {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<uint64_t>(ts.tv_sec) * 1000 + static_cast<uint64_t>(ts.tv_nsec) / 1000000;
+    return UTime::GetMonotonicMs();
 }
 
 void PPLCounter::Run() {
