@@ -2,15 +2,12 @@
 
 #include <poll.h>
 #include <sys/eventfd.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <climits>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 
 #include "ULog.h"
 #include "UTime.h"
@@ -194,8 +191,7 @@ bool UBrand_PPL_Counter::Pause(int ms) {
 bool UBrand_PPL_Counter::AwaitMessage(int fd) {
     if (wake_fd < 0 || kick_fd < 0)
         return true;
-    using Clock = std::chrono::steady_clock;
-    const Clock::time_point began = Clock::now();
+    const uint64_t began = UTime::GetMonotonicMs();
     int woken = -1;
     UWaitResult result = UWait::Until(fd, POLLIN, {wake_fd, kick_fd}, -1, &woken);
     if (result == UWaitResult::Woken && woken == kick_fd) {
@@ -203,10 +199,9 @@ bool UBrand_PPL_Counter::AwaitMessage(int fd) {
         ssize_t n = read(kick_fd, &value, sizeof(value));
         (void)n;
         // The reconnect is taken up at the end of the 200 ms slice it came in.
-        const auto slice = std::chrono::microseconds(kEventWaitUs);
-        auto ends = began + ((Clock::now() - began) / slice + 1) * slice;
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(ends - Clock::now());
-        result = UWait::Until(fd, POLLIN, {wake_fd}, left.count() > 0 ? int(left.count()) : 0);
+        const uint64_t slice = kEventWaitUs / 1000, now = UTime::GetMonotonicMs();
+        const uint64_t ends = began + ((now - began) / slice + 1) * slice;
+        result = UWait::Until(fd, POLLIN, {wake_fd}, static_cast<int>(ends - now));
     }
     return result == UWaitResult::Ready;
 }

@@ -1,7 +1,9 @@
 // Cameras that refuse, reject, break off, send nonsense, fall silent or
 // restart: the service keeps answering and counts right once they behave.
+#include <atomic>
 #include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "FaultFixture.h"
@@ -159,6 +161,37 @@ TEST_F(FaultTest, BrokenEventMessagesAreDroppedAndCountingGoesOn) {
     in_cam_->Walk(1, 0);
     EXPECT_TRUE(h_->WaitEvent(ExpectedCountEvent()));
     EXPECT_TRUE(StatusRecovers());
+    ExpectCleanStop();
+}
+
+// An event message has the connection's 10 s receive time-out from its
+// first byte, however slowly the rest comes: a body trickling in a byte every
+// 3 s is given up by then, and a reload that moved the camera meanwhile is
+// acted on at once after it.
+TEST_F(FaultTest, ATricklingEventBodyIsGivenUpWithinTenSecondsAndAReloadActedOn) {
+    StartCounting();
+    camsim::Camera moved(0, "127.0.0.2");
+    ASSERT_TRUE(moved.Start());
+    std::atomic<bool> trickling{true};
+    const auto began = std::chrono::steady_clock::now();
+    in_cam_->SendRaw(Head("20") + "{");
+    std::thread trickle([&] {
+        while (trickling && WaitFor(3000, [&] { return !trickling; }) == false)
+            in_cam_->SendRaw("\"");
+    });
+    config_["SERV_PPL_CAM_0_IP"] = "127.0.0.2";
+    config_["SERV_PPL_CAM_0_HTTP"] = std::to_string(moved.Port());
+    h_->WriteConfig(config_);
+    EXPECT_EQ(h_->Command("action=ppl_config_change"), "reply=success");
+    bool subscribed = moved.WaitForSubscribers(1, 14000);
+    const auto taken = std::chrono::steady_clock::now() - began;
+    trickling = false;
+    trickle.join();
+    ASSERT_TRUE(subscribed) << "still reading the trickle\n" << Excerpt(h_->Stderr());
+    EXPECT_LE(taken, std::chrono::seconds(13));
+    moved.Walk(2, 0);
+    EXPECT_TRUE(h_->WaitEvent("event=ppl_count&in0=2&out0=0&stayin0=2"));
+    ASSERT_NO_FATAL_FAILURE(ExpectAlive("a trickling event body"));
     ExpectCleanStop();
 }
 
