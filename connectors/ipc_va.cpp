@@ -14,6 +14,7 @@
 #include <cstring>
 #include <memory>
 
+#include "UTextParam.h"
 #include "UWait.h"
 #include "http_parser.h"
 
@@ -297,7 +298,11 @@ int ipcva_connect(std::string ip, unsigned short port, unsigned timeout_ms,
     memset(&peer, 0, sizeof(peer));
     peer.sin_family = AF_INET;
     peer.sin_port = htons(port);
-    peer.sin_addr.s_addr = inet_addr(ip.c_str());
+    // An address that names none is the broadcast address, as inet_addr
+    // gives it: the connect then fails.
+    uint32_t address = INADDR_NONE;
+    UTextParam::toIPv4Address(ip.c_str(), &address);
+    peer.sin_addr.s_addr = address;
     if (!tarnu_socket_set_blocking_mode(fd, 0) ||
         !socketConnect(fd, reinterpret_cast<sockaddr*>(&peer), sizeof(peer), timeout_ms,
                        waits.wake_fd) ||

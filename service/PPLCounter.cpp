@@ -51,7 +51,7 @@ void ShowLog(const char* format, ...) {
     fprintf(stderr, "[%s] %s", when, message);
 }
 
-PPLCounter::PPLCounter(const PPLCounterSettings& settings)
+PPLCounter::PPLCounter(const PPLCounterPlaces& places)
     : reload_config(true),
       running(false),
       initialized(false),
@@ -69,10 +69,10 @@ PPLCounter::PPLCounter(const PPLCounterSettings& settings)
       stayin_under_latched(false),
       use_3dpc(0),
       counter_3dpc(nullptr),
-      where(settings) {
+      where(places) {
     counter_3dpc = LiveUntilExit(new Tarn_3DPC_Counter(0));
     counter_3dpc->set_ppl_count_callback(this);
-    for (int i = 0; i < ppl::kLapiCounters; ++i) {
+    for (int i = 0; i < ppl::kLapiChannels; ++i) {
         UBrand_PPL_Counter* counter = LiveUntilExit(new UBrand_PPL_Counter(i));
         counter->set_ppl_count_callback(this);
         lapi_counters.push_back(counter);

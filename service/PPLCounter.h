@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Abstract_PPL_Counter.h"
+#include "PPLConfigKeys.h"
 #include "PPLConstants.h"
 #include "PPL_Counter_Group.h"
 #include "Tarn3DPCAPIClient.h"
@@ -25,7 +26,7 @@ class UBrand_PPL_Counter;
 
 // Where the service meets the recorder. The binary always uses the defaults;
 // tests point a service object at their own files, socket and queues.
-struct PPLCounterSettings {
+struct PPLCounterPlaces {
     std::string system_ini = ppl::kSystemIniPath;
     std::string status_ini = ppl::kStatusIniPath;
     std::string record_ini = ppl::kRecordIniPath;
@@ -46,7 +47,7 @@ struct PPLCounterSettings {
 class PPLCounter : public Abstract_PPL_CB {
 public:
     // Creates the counters and the group; starts nothing and touches no file.
-    explicit PPLCounter(const PPLCounterSettings& where = PPLCounterSettings());
+    explicit PPLCounter(const PPLCounterPlaces& where = PPLCounterPlaces());
     ~PPLCounter() override;
     PPLCounter(const PPLCounter&) = delete;
     PPLCounter& operator=(const PPLCounter&) = delete;
@@ -140,7 +141,7 @@ protected:
     // Not part of the observable state: where the service meets the
     // recorder, and the locks that make the callback safe to run on several
     // counters' threads beside the main loop.
-    PPLCounterSettings where;
+    PPLCounterPlaces where;
     std::mutex alarm_lock;      // latches and limits, one callback at a time
     std::mutex event_out_lock;  // event_out against its deletion in Deinit
     // Why the status file's path was last not read ("" while it is the
@@ -157,8 +158,7 @@ private:
     void PollCommand(char* reply);
     void PollEvent(char* event);
 
-    std::string ComposeKey(std::stringstream& stream, const char* head, long number,
-                           const char* tail);
+    std::string CameraKey(int camera, ppl::CameraKey key);
     void StopLapiCounters();
     void ReadGroup(SAttr& ini, unsigned int g);
     void ReadGroupCamera(SAttr& ini, unsigned int g, bool in);

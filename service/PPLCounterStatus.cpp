@@ -1,11 +1,14 @@
 // The status file (live state, about once a second) and the record file.
 #include "OwnedFile.h"
 #include "PPLCounter.h"
+#include "PPLSystemIni.h"
 #include "SAttr.h"
 #include "ShowLog.h"
 #include "Tarn_3DPC_Counter.h"
 #include "UBrand_PPL_Counter.h"
 #include "UFile.h"
+
+using ppl::ComposeKey;
 
 namespace {
 const char* const kConnect = "connect";

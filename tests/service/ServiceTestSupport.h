@@ -62,7 +62,7 @@ protected:
     std::vector<std::string> DrainEvents();
 
     std::string dir_;
-    PPLCounterSettings where_;
+    PPLCounterPlaces where_;
     std::unique_ptr<NEventMQ> module_queue_;
     std::unique_ptr<TestableService> svc_;
 };
