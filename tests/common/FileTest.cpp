@@ -15,7 +15,6 @@
 #include <vector>
 
 #include "Sandbox.h"
-#include "TestFiles.h"
 #include "UFile.h"
 #include "USignal.h"
 
@@ -58,7 +57,7 @@ void ExpectReported(const std::string& log, const std::vector<const char*>& oper
 }  // namespace
 
 TEST(FileHelpers, WholeFilesOnMissingPathsDirectoriesShortWritesAndPreallocation) {
-    commontest::TempDir dir;
+    ppltest::TempDir dir;
     std::string inside = dir.File("absent/file"), missing = dir.File("none");
     std::string path = dir.File("ten"), folder = dir.Path();
     char buffer[16];
@@ -80,9 +79,9 @@ TEST(FileHelpers, WholeFilesOnMissingPathsDirectoriesShortWritesAndPreallocation
     testing::internal::CaptureStderr();
     EXPECT_EQ(UFile::GetFileSize(missing.c_str()), -1);
     std::string log = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(commontest::CountOf(log, "\t[ENOENT(2)] GetFileSize('" + missing + "') error.\n"), 1)
+    EXPECT_EQ(ppltest::CountOf(log, "\t[ENOENT(2)] GetFileSize('" + missing + "') error.\n"), 1)
         << log;
-    EXPECT_EQ(commontest::CountOf(log, "error."), 1) << log;
+    EXPECT_EQ(ppltest::CountOf(log, "error."), 1) << log;
 
     ASSERT_TRUE(UFile::WriteFile(path.c_str(), "0123456789", 10, 0600));
     memset(buffer, '#', sizeof(buffer));
@@ -128,7 +127,7 @@ TEST(FileHelpers, WholeFilesOnMissingPathsDirectoriesShortWritesAndPreallocation
 }
 
 TEST(FileHelpers, DescriptorsOpenAndNot) {
-    commontest::TempDir dir;
+    ppltest::TempDir dir;
     std::string path = dir.File("data");
     int fd = UFile::Create(path.c_str(), O_TRUNC);
     ASSERT_GE(fd, 0);
@@ -195,7 +194,7 @@ TEST(FileHelpers, DescriptorsOpenAndNot) {
 }
 
 TEST(FileHelpers, PathsLinksPermissionsAndDirectories) {
-    commontest::TempDir dir;
+    ppltest::TempDir dir;
     std::string file = dir.File("f"), moved = dir.File("g"), link = dir.File("l");
     std::string missing = dir.File("none");
     ASSERT_TRUE(UFile::WriteFile(file.c_str(), "x", 1, 0600));

@@ -61,6 +61,7 @@ protected:
     // Events waiting on the module's queue, oldest first.
     std::vector<std::string> DrainEvents();
 
+    std::unique_ptr<TempDir> tmp_;
     std::string dir_;
     PPLCounterPlaces where_;
     std::unique_ptr<NEventMQ> module_queue_;

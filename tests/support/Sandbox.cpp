@@ -17,6 +17,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <stdexcept>
 #include <thread>
 
 #include "PPLSystemIni.h"
@@ -309,6 +310,27 @@ std::string Child::Stdout() const {
 }
 std::string Child::Stderr() const {
     return ReadWholeFile(err_path_);
+}
+
+TempDir::TempDir(const std::string& prefix) {
+    std::string name = "/tmp/" + prefix + "XXXXXX";
+    if (mkdtemp(&name[0]) == nullptr)
+        throw std::runtime_error(ErrnoText(("mkdtemp " + name).c_str()));
+    path_ = name;
+}
+
+// In-process: under ARM emulation a fork right after other threads ended can
+// leave the child hung before it runs a program.
+TempDir::~TempDir() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
+
+int CountOf(const std::string& text, const std::string& part) {
+    int count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+        ++count;
+    return count;
 }
 
 std::string ReadWholeFile(const std::string& path) {

@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <map>
@@ -32,23 +31,10 @@ const std::map<std::string, std::string> kClean = ppltest::StandardConfig(8001, 
 
 // One fresh directory per test program, so runs side by side never meet.
 const std::string& Scratch() {
-    static const std::string dir = [] {
-        std::string templ = testing::TempDir() + "pplctl-test-XXXXXX";
-        return mkdtemp(&templ[0]) != nullptr ? templ + "/" : testing::TempDir();
-    }();
-    return dir;
+    static const ppltest::TempDir dir("pplctl-test-");
+    static const std::string path = dir.Path() + "/";
+    return path;
 }
-
-class ScratchCleanup : public testing::Environment {
-    void TearDown() override {
-        if (Scratch() != testing::TempDir()) {
-            std::error_code error;
-            std::filesystem::remove_all(Scratch(), error);
-            EXPECT_FALSE(error) << error.message();
-        }
-    }
-};
-testing::Environment* const kCleanup = testing::AddGlobalTestEnvironment(new ScratchCleanup);
 
 struct Outcome {
     int status;
