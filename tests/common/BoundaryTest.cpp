@@ -14,16 +14,12 @@
 
 namespace {
 
-struct timespec Ts(time_t sec, long nsec) {
-    struct timespec t;
-    t.tv_sec = sec;
-    t.tv_nsec = nsec;
-    return t;
-}
-
 bool Ntp(time_t sec, long nsec, uint64_t expected) {
     uint64_t ntp = ~expected;
-    return UTime::UnixToNtp(Ts(sec, nsec), ntp) && ntp == expected;
+    struct timespec unix_time = {};
+    unix_time.tv_sec = sec;
+    unix_time.tv_nsec = nsec;
+    return UTime::UnixToNtp(unix_time, ntp) && ntp == expected;
 }
 
 bool QueueNamed(size_t length) {
