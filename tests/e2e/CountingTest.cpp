@@ -138,23 +138,13 @@ TEST(ThreeDpcService, StartupCountingClearAndReload) {
     ASSERT_TRUE(cam.Start());
     camsim::TarnEndpoints ctl(cam, "admin", "secret");
     ServiceHarness h;
-    std::map<std::string, std::string> config = {
-        {"SERV_PPL_NUM", "1"},
-        {"SERV_PPL_ENABLE", "1"},
-        {"SERV_PPL_TYPE", "3DPCV2"},
-        {"SERV_PPL_IN_0_CAM", "0"},
-        {"SERV_PPL_OUT_0_CAM", "0"},
-        {"SERV_PPL_STAYIN_0_OVER", "100"},
-        {"SERV_PPL_STAYIN_0_UNDER", "-1"},
-        {"SERV_PPL_SETTINGS_0_RESET_ENABLE", "0"},
-        {"SERV_PPL_SETTINGS_0_RESET_TIME", "0:0:0"},
-        {"SERV_PPL_SETTINGS_0_REPORT_INTERVAL", "0"},
-        {"SERV_PPL_SETTINGS_0_SENSITIVITY", "1"},
-        {"SERV_PPL_SETTINGS_0_CLEAR_COUNT", "0"},
-        {"SERV_PPL_CAM_0_IP", "127.0.0.1"},
-        {"SERV_PPL_CAM_0_HTTP", std::to_string(cam.Port())},
-        {"SERV_PPL_CAM_0_USERNAME", "admin"},
-        {"SERV_PPL_CAM_0_PASSWORD", "secret"}};
+    // The standard file as a 3DPC camera 0 on both sides, polled every 50 ms.
+    std::map<std::string, std::string> config = StandardConfig(cam.Port(), 0);
+    config["SERV_PPL_TYPE"] = "3DPCV2";
+    config["SERV_PPL_OUT_0_CAM"] = "0";
+    config["SERV_PPL_STAYIN_0_OVER"] = "100";
+    config["SERV_PPL_STAYIN_0_UNDER"] = "-1";
+    config["SERV_PPL_SETTINGS_0_REPORT_INTERVAL"] = "0";
     h.WriteConfig(config);
     ASSERT_TRUE(h.StartService());
     EXPECT_TRUE(h.WaitEvent("event=ppl_enable&enable=1"));
