@@ -193,7 +193,7 @@ private:
     void PollCommand(char* reply);
     void PollEvent(char* event);
 
-    std::string CameraKey(int camera, ppl::CameraKey key);
+    std::string KeyOfCamera(int camera, ppl::CameraKey key);
     void StopLapiCounters();
     void ReadGroup(SAttr& ini, unsigned int g);
     void ReadGroupCamera(SAttr& ini, unsigned int g, bool in);

@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstring>
 #include <iostream>
 
@@ -25,7 +24,7 @@ std::string Cut(const char* text, size_t field_size) {
 
 }  // namespace
 
-std::string PPLCounter::CameraKey(int camera, ppl::CameraKey key) {
+std::string PPLCounter::KeyOfCamera(int camera, ppl::CameraKey key) {
     return ppl::ComposeKey(cfg_key_stream, ppl::kCameraHead, camera, ppl::kCameraTails[key]);
 }
 
@@ -245,23 +244,23 @@ void PPLCounter::ReadCamIni3DPC(SAttr& ini) {
     counter_3dpc->GetDeviceInfo(ip, port);
     counter_3dpc->GetDeviceAccount(user, password);
     bool changed = false;
-    const char* value = ini.GetKeyValue(CameraKey(0, ppl::kCameraAddress).c_str());
+    const char* value = ini.GetKeyValue(KeyOfCamera(0, ppl::kCameraAddress).c_str());
     if (value != nullptr && Cut(value, sizeof(DeviceInfo::IP)) != ip) {
         counter_3dpc->SetDeviceIP(value);
         changed = true;
     }
-    value = ini.GetKeyValue(CameraKey(0, ppl::kCameraPort).c_str());
+    value = ini.GetKeyValue(KeyOfCamera(0, ppl::kCameraPort).c_str());
     if (value != nullptr && Cut(value, sizeof(DeviceInfo::HttpPort)) != port) {
         counter_3dpc->SetDeviceHttpPort(value);
         changed = true;
     }
-    value = ini.GetKeyValue(CameraKey(0, ppl::kCameraUser).c_str());
+    value = ini.GetKeyValue(KeyOfCamera(0, ppl::kCameraUser).c_str());
     if (value != nullptr && Cut(value, sizeof(DeviceInfo::UserName)) != user) {
         user = value;
         counter_3dpc->SetDeviceAccount(user, password);
         changed = true;
     }
-    value = ini.GetKeyValue(CameraKey(0, ppl::kCameraPassword).c_str());
+    value = ini.GetKeyValue(KeyOfCamera(0, ppl::kCameraPassword).c_str());
     if (value != nullptr && Cut(value, sizeof(DeviceInfo::Password)) != password) {
         counter_3dpc->SetDeviceAccount(user, value);
         changed = true;
@@ -275,7 +274,7 @@ void PPLCounter::ReadCamIni3DPC(SAttr& ini) {
 void PPLCounter::ReadCamIniLapi(SAttr& ini, int n) {
     UBrand_PPL_Counter* counter = lapi_counters[n];
     bool changed = false;
-    const char* ip = ini.GetKeyValue(CameraKey(n, ppl::kCameraAddress).c_str());
+    const char* ip = ini.GetKeyValue(KeyOfCamera(n, ppl::kCameraAddress).c_str());
     if (ip != nullptr) {
         std::string current = counter->get_server_addr();
         if (current.empty()) {
@@ -285,7 +284,7 @@ void PPLCounter::ReadCamIniLapi(SAttr& ini, int n) {
             changed = true;
         }
     }
-    const std::string http = CameraKey(n, ppl::kCameraPort);
+    const std::string http = KeyOfCamera(n, ppl::kCameraPort);
     if (ini.HasKey(http.c_str())) {
         int port = ppl::ReadNumber(ini, http);
         if (port != counter->get_server_port()) {
@@ -309,7 +308,7 @@ bool PPLCounter::GetCamInfo(int camera, CamInfo& info) {
                                   {info.UserName, sizeof(info.UserName)},
                                   {info.Password, sizeof(info.Password)}};
     for (int key = 0; key < ppl::kCameraKeys; ++key) {
-        const char* value = ini.GetKeyValue(CameraKey(camera, ppl::CameraKey(key)).c_str());
+        const char* value = ini.GetKeyValue(KeyOfCamera(camera, ppl::CameraKey(key)).c_str());
         if (value == nullptr) {
             std::cout << "PPL Cam config is incomplete" << std::endl;
             return false;
@@ -322,10 +321,10 @@ bool PPLCounter::GetCamInfo(int camera, CamInfo& info) {
 bool PPLCounter::GetCamInfo(int camera, std::string& address, int& port) {
     SAttr ini('=', "\r\n", "\n", nullptr);
     ppl::LoadSystemIni(ini, where.system_ini);
-    const char* ip = ini.GetKeyValue(CameraKey(camera, ppl::kCameraAddress).c_str());
+    const char* ip = ini.GetKeyValue(KeyOfCamera(camera, ppl::kCameraAddress).c_str());
     if (ip != nullptr)
         address = ip;
-    const std::string http = CameraKey(camera, ppl::kCameraPort);
+    const std::string http = KeyOfCamera(camera, ppl::kCameraPort);
     if (ini.HasKey(http.c_str()))
         port = ppl::ReadNumber(ini, http);
     return true;

@@ -73,7 +73,7 @@ private:
     std::string Key(const char* head, int number, const char* tail) {
         return ppl::ComposeKey(keys_, head, number, tail);
     }
-    std::string CameraKey(int camera, ppl::CameraKey key) {
+    std::string KeyOfCamera(int camera, ppl::CameraKey key) {
         return Key(ppl::kCameraHead, camera, ppl::kCameraTails[key]);
     }
     bool Has(const std::string& key) { return ini_.HasKey(key.c_str()); }
@@ -259,7 +259,7 @@ private:
         bool any = false;
         std::string tails;
         for (int key = 0; key < ppl::kCameraKeys; ++key) {
-            any |= Has(CameraKey(c, ppl::CameraKey(key)));
+            any |= Has(KeyOfCamera(c, ppl::CameraKey(key)));
             tails += (key == 0 ? "" : ", ") + std::string(ppl::kCameraTails[key]);
         }
         if (!any) {
@@ -268,14 +268,14 @@ private:
                     "); its counter cannot connect and every request to it fails.");
             return;
         }
-        use->address = CheckAddress(CameraKey(c, ppl::kCameraAddress), c);
-        const std::string port = CameraKey(c, ppl::kCameraPort);
+        use->address = CheckAddress(KeyOfCamera(c, ppl::kCameraAddress), c);
+        const std::string port = KeyOfCamera(c, ppl::kCameraPort);
         if (!Has(port))
             Problem(port + " is missing: camera " + std::to_string(c) + " has no port.");
         else
             use->port = CheckPort(port);
         for (ppl::CameraKey account : {ppl::kCameraUser, ppl::kCameraPassword})
-            CheckAccount(CameraKey(c, account), c);
+            CheckAccount(KeyOfCamera(c, account), c);
     }
 
     // The address as the service's event channel connects to it.
@@ -325,7 +325,7 @@ private:
             if (tdpc ? c == 0 : (c == in || c == out))
                 continue;
             for (int k = 0; k < ppl::kCameraKeys; ++k) {
-                std::string key = CameraKey(c, ppl::CameraKey(k));
+                std::string key = KeyOfCamera(c, ppl::CameraKey(k));
                 if (!Has(key))
                     continue;
                 std::string camera = "camera " + std::to_string(c);
