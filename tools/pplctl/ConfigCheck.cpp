@@ -133,12 +133,13 @@ private:
 
     bool ReadKind() {
         const std::string key = ppl::kKeyCameraKind;
-        const char* lapi = "LAPI cameras, channels 0 to 3";
+        const std::string lapi =
+            "LAPI cameras, channels 0 to " + std::to_string(ppl::kLapiChannels - 1);
         if (!Has(key)) {
             Problem(key +
                     " is missing: the camera kind stays as it was (LAPI cameras when the service "
                     "starts).");
-            Say(std::string("Cameras: ") + lapi + ".");
+            Say("Cameras: " + lapi + ".");
             return false;
         }
         bool tdpc = Value(key) == ppl::kCameraKind3DPC;
@@ -146,7 +147,7 @@ private:
             Problem(KeyValue(key) + ": only \"" + ppl::kCameraKind3DPC +
                     "\" selects the 3DPC counter; the service uses " + lapi + ".");
         Say(tdpc ? "Cameras: the 3DPC V2 counter (" + KeyValue(key) + ")."
-                 : "Cameras: " + std::string(lapi) + " (" + KeyValue(key) + ").");
+                 : "Cameras: " + lapi + " (" + KeyValue(key) + ").");
         return tdpc;
     }
 
