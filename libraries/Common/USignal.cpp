@@ -241,8 +241,8 @@ bool ChangeThreadMask(int how, const sigset_t* set, sigset_t* old, const char* o
 }
 
 bool SendToThread(pthread_t thread, int signal, const union sigval* value, const char* operation) {
-    int result = value == nullptr ? pthread_kill(thread, signal)
-                                  : pthread_sigqueue(thread, signal, *value);
+    int result =
+        value == nullptr ? pthread_kill(thread, signal) : pthread_sigqueue(thread, signal, *value);
     if (result == 0)
         return true;
     REPORT_RESULT(operation, result);

@@ -59,8 +59,8 @@ public:
 // failure under the operation's name), Deliver sends a signal, with a value
 // when one is given, to a Target (a process or a thread). Block and Unblock
 // report "EmptySet", "AddSet" or "BlockMultiple"/"UnblockMultiple".
-template <typename Target, bool (*Change)(int how, const sigset_t* set, sigset_t* old,
-                                          const char* operation),
+template <typename Target,
+          bool (*Change)(int how, const sigset_t* set, sigset_t* old, const char* operation),
           bool (*Deliver)(Target target, int signal, const union sigval* value,
                           const char* operation)>
 class USignalMask : public USignal {
