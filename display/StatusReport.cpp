@@ -98,9 +98,9 @@ StatusReport StatusReport::Read(const Places& places, int64_t now_ms) {
     }
     if (read == OwnedFile::Read::Refused) {
         report.state_ = State::kUntrusted;
-        report.why_ = places.status + " is not the service's own file (" + why + ")" +
-                      (running ? "; the service runs as user " + std::to_string(holder.owner)
-                               : not_running);
+        report.why_ =
+            places.status + " is not the service's own file (" + why + ")" +
+            (running ? "; the service runs as user " + std::to_string(holder.owner) : not_running);
         return report;
     }
     if (!seen && !WrittenAt(places.status, &written_ms))
@@ -160,8 +160,8 @@ bool StatusReport::TakeNumber(SAttr& status, const char* key, int* number) {
     return true;
 }
 
-bool StatusReport::TakeWord(SAttr& status, const char* key, const char* yes,
-                            const char* no, bool* flag) {
+bool StatusReport::TakeWord(SAttr& status, const char* key, const char* yes, const char* no,
+                            bool* flag) {
     const char* value = status.GetKeyValue(key);
     if (value == nullptr) {
         why_ = std::string("the file has no ") + key;
@@ -191,8 +191,9 @@ std::string StatusReport::Json() const {
         Field(&json, "over", std::to_string(f.over));
         Field(&json, "under", std::to_string(f.under));
         Field(&json, "over_alarm", Bool(f.over_alarm));
-        Field(&json, "cameras", std::string("{\"in\":") + Bool(f.in_connected) +
-                                    ",\"out\":" + Bool(f.out_connected) + "}");
+        Field(&json, "cameras",
+              std::string("{\"in\":") + Bool(f.in_connected) + ",\"out\":" + Bool(f.out_connected) +
+                  "}");
     }
     return json + "}";
 }

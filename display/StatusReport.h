@@ -50,8 +50,7 @@ private:
     // value is not what the service writes.
     bool TakeFigures(const std::string& text);
     bool TakeNumber(SAttr& status, const char* key, int* number);
-    bool TakeWord(SAttr& status, const char* key, const char* yes, const char* no,
-                  bool* flag);
+    bool TakeWord(SAttr& status, const char* key, const char* yes, const char* no, bool* flag);
 
     State state_ = State::kMissing;
     std::string why_;
