@@ -13,10 +13,12 @@
 #include "OwnedFile.h"
 #include "PPLConstants.h"
 #include "SAttr.h"
+#include "UTime.h"
 
 namespace {
 
 const char* const kStateNames[] = {"ok", "stale", "missing", "untrusted", "nofigures"};
+const char* const kNotRunning = "; pplcounter is not running (nobody holds its instance lock)";
 
 // Milliseconds as seconds with one decimal, the form of a JSON number.
 std::string Seconds(int64_t ms) {
@@ -82,42 +84,55 @@ StatusReport StatusReport::Read(const Places& places, int64_t now_ms) {
     // held, only root's file is taken, as the service runs as root.
     InstanceLock::Holder holder;
     bool running = InstanceLock::FindHolder(places.lock_dirs, &holder);
-    const std::string not_running =
-        running ? "" : "; pplcounter is not running (nobody holds its instance lock)";
+    std::string text;
+    int64_t written_ms = 0;
+    if (report.Load(places.status, running ? &holder : nullptr, &text, &written_ms) &&
+        report.Fresh(now_ms - written_ms, running))
+        report.state_ = report.TakeFigures(text) ? State::kOk : State::kNoFigures;
+    return report;
+}
+
+bool StatusReport::Load(const std::string& path, const InstanceLock::Holder* holder,
+                        std::string* text, int64_t* written_ms) {
     // Looked at before the file is read: if the service replaces it in
     // between, the figures read are newer than this, never older.
-    int64_t written_ms = 0;
-    bool seen = WrittenAt(places.status, &written_ms);
-    std::string text, why;
-    OwnedFile::Read read = OwnedFile::LoadOwnedBy(running ? holder.owner : 0, places.status,
-                                                  ppl::kStatusIniMaxBytes, &text, &why);
+    bool seen = WrittenAt(path, written_ms);
+    std::string why;
+    OwnedFile::Read read = OwnedFile::LoadOwnedBy(holder != nullptr ? holder->owner : 0, path,
+                                                  ppl::kStatusIniMaxBytes, text, &why);
+    const std::string service = holder != nullptr
+                                    ? "; the service runs as user " + std::to_string(holder->owner)
+                                    : std::string(kNotRunning);
     if (read == OwnedFile::Read::Missing) {
-        report.state_ = State::kMissing;
-        report.why_ = places.status + " does not exist" + not_running;
-        return report;
+        state_ = State::kMissing;
+        why_ = path + " does not exist" + (holder != nullptr ? "" : kNotRunning);
+        return false;
     }
     if (read == OwnedFile::Read::Refused) {
-        report.state_ = State::kUntrusted;
-        report.why_ =
-            places.status + " is not the service's own file (" + why + ")" +
-            (running ? "; the service runs as user " + std::to_string(holder.owner) : not_running);
-        return report;
+        state_ = State::kUntrusted;
+        why_ = path + " is not the service's own file (" + why + ")" + service;
+        return false;
     }
-    if (!seen && !WrittenAt(places.status, &written_ms))
-        written_ms = now_ms;  // made and removed while read: as new as can be
-    report.age_known_ = true;
-    report.age_ms_ = now_ms - written_ms;
-    if (report.age_ms_ > kFreshMs || report.age_ms_ < -kFutureMs) {
-        report.state_ = State::kStale;
-        report.why_ = report.age_ms_ > 0
-                          ? "written " + Seconds(report.age_ms_) +
-                                " s ago; the service rewrites it every second" + not_running
-                          : "written " + Seconds(-report.age_ms_) +
-                                " s in the future: the clock was set back";
-        return report;
+    if (!seen && !WrittenAt(path, written_ms))
+        *written_ms = UTime::GetRealTimeMs();  // made and removed while read: as new as can be
+    return true;
+}
+
+bool StatusReport::Fresh(int64_t age_ms, bool running) {
+    age_known_ = true;
+    age_ms_ = age_ms;
+    if (age_ms > kFreshMs) {
+        state_ = State::kStale;
+        why_ = "written " + Seconds(age_ms) + " s ago; the service rewrites it every second" +
+               (running ? "" : kNotRunning);
+        return false;
     }
-    report.state_ = report.TakeFigures(text) ? State::kOk : State::kNoFigures;
-    return report;
+    if (age_ms < -kFutureMs) {
+        state_ = State::kStale;
+        why_ = "written " + Seconds(-age_ms) + " s in the future: the clock was set back";
+        return false;
+    }
+    return true;
 }
 
 bool StatusReport::TakeFigures(const std::string& text) {

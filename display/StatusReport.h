@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "InstanceLock.h"
+
 class SAttr;
 
 // What the door display may show: the figures of counting group 0 from the
@@ -15,6 +17,8 @@ class SAttr;
 class StatusReport {
 public:
     enum class State { kOk, kStale, kMissing, kUntrusted, kNoFigures };
+
+    virtual ~StatusReport() = default;
 
     // Where the service keeps its status file and its instance lock; the
     // program uses the fixed places, tests their own.
@@ -46,6 +50,14 @@ private:
         bool in_connected = false, out_connected = false;
     };
 
+    // Reads the file as the service's own, the service being holder's user
+    // (root when no service runs), with the time it was written. False with
+    // the state and why_ set when it is missing or not the service's own.
+    bool Load(const std::string& path, const InstanceLock::Holder* holder, std::string* text,
+              int64_t* written_ms);
+    // False with the state and why_ set when a file of this age was not
+    // written by a running service.
+    bool Fresh(int64_t age_ms, bool running);
     // Each sets why_ and returns false when the file lacks the key or its
     // value is not what the service writes.
     bool TakeFigures(const std::string& text);
