@@ -31,6 +31,7 @@ if [ "${3:-}" != inside ]; then
     sed -e "s|/usr/|$work/stage/usr/|g" -e 's|/www|/tmp/www|g' <<<"$layout" >"$work/layout.sh"
     doc_block "BusyBox httpd.conf" "$src/docs/display.md" >"$work/httpd.conf"
     mkdir -p "$build/display-screenshots"
+    rm -f "$build/display-screenshots"/*.png
     "$build/tests/support/pplsandbox" "$0" "$src" "$build" inside "$work"
     exit
 fi
