@@ -10,10 +10,8 @@
 #include <algorithm>
 #include <cstdlib>
 #include <functional>
-#include <map>
 #include <regex>
 #include <string>
-#include <vector>
 
 #include "SandboxGTest.h"
 
@@ -27,75 +25,29 @@ const char* const kLive =
     "PPL.StayIn0.Status = Under\nPPL.StayIn0.Under = -2";
 const uid_t kOtherUser = 65534;
 
-// Strict JSON (RFC 8259), ASCII only, no duplicate keys: one object, its
-// members flattened ("cameras.in"), strings without their quotes.
-class StrictJson {
-public:
-    bool Parse(const std::string& text) {
-        text_ = text;
-        at_ = 0;
-        values.clear();
-        return Object("") && (Space(), at_ == text_.size());
-    }
-    std::map<std::string, std::string> values;
-
-private:
-    void Space() { at_ = std::min(text_.find_first_not_of(" \t\r\n", at_), text_.size()); }
-    bool Eat(char c) { return Space(), at_ < text_.size() && text_[at_] == c && ++at_; }
-    bool Object(const std::string& prefix) {
-        if (!Eat('{'))
-            return false;
-        if (Eat('}'))
-            return true;
-        do {
-            std::string key;
-            if (!(Space(), String(&key)) || !Eat(':') || !Value(prefix + key))
-                return false;
-        } while (Eat(','));
-        return Eat('}');
-    }
-    bool Value(const std::string& name) {
-        Space();
-        std::string value;
-        if (at_ < text_.size() && text_[at_] == '{')
-            return values.emplace(name, "{}").second && Object(name + ".");
-        bool ok = at_ < text_.size() && text_[at_] == '"' ? String(&value) : Literal(&value);
-        return ok && values.emplace(name, value).second;
-    }
-    bool String(std::string* out) {
-        if (at_ >= text_.size() || text_[at_++] != '"')
-            return false;
-        static const std::regex kEscape(R"(\\(["\\/bfnrt]|u[0-9a-fA-F]{4}))");
-        while (at_ < text_.size() && text_[at_] != '"') {
-            unsigned char c = static_cast<unsigned char>(text_[at_]);
-            std::smatch escape;
-            std::string rest = text_.substr(at_, 6);
-            if (c < 0x20 || c >= 0x80 ||
-                (c == '\\' &&
-                 !std::regex_search(rest, escape, kEscape, std::regex_constants::match_continuous)))
-                return false;
-            size_t length = c == '\\' ? escape.length(0) : 1;
-            out->append(text_, at_, length);
-            at_ += length;
-        }
-        return at_++ < text_.size();
-    }
-    bool Literal(std::string* out) {
-        static const std::regex kLiteral(
-            R"(true|false|null|-?(0|[1-9][0-9]*)(\.[0-9]+)?([eE][+-]?[0-9]+)?)");
-        size_t end = text_.find_first_of(",}] \t\r\n", at_);
-        *out = text_.substr(at_, end == std::string::npos ? std::string::npos : end - at_);
-        at_ += out->size();
-        return std::regex_match(*out, kLiteral);
-    }
-    std::string text_;
-    size_t at_ = 0;
-};
+// Strict JSON (RFC 8259) in ASCII, for one object with objects of scalars
+// in it at most, as the answer is.
+bool StrictJson(const std::string& text) {
+    const std::string ws = "[ \\t\\r\\n]*";
+    const std::string string = R"("(?:[^"\\\x00-\x1f]|\\["\\/bfnrt]|\\u[0-9a-fA-F]{4})*")";
+    const std::string scalar =
+        "(?:" + string +
+        R"(|-?(?:0|[1-9][0-9]*)(?:\.[0-9]+)?(?:[eE][+-]?[0-9]+)?|true|false|null))";
+    auto object = [&](const std::string& value) {
+        std::string member = string + ws + ":" + ws + value + ws;
+        return "\\{" + ws + "(?:" + member + "(?:," + ws + member + ")*)?\\}";
+    };
+    return std::all_of(text.begin(), text.end(),
+                       [](char c) { return static_cast<unsigned char>(c) < 0x80; }) &&
+           std::regex_match(
+               text, std::regex(ws + object("(?:" + scalar + "|" + object(scalar) + ")") + ws));
+}
 
 struct Answer {
     std::string head, body;
-    bool json_ok = false;
-    std::map<std::string, std::string> json;
+    bool Has(const std::string& line) const {
+        return head.find(line + "\r\n") != std::string::npos;
+    }
 };
 
 class StatusCgiTest : public ::testing::Test {
@@ -120,17 +72,15 @@ protected:
         struct timespec times[2] = {{time(nullptr) - age_s, 0}, {time(nullptr) - age_s, 0}};
         ASSERT_EQ(utimensat(AT_FDCWD, kStatus, times, 0), 0);
     }
+    // The answer to a request, its body a strict JSON object.
     Answer Ask(const char* method = "GET") {
         setenv("REQUEST_METHOD", method, 1);
         Child cgi;
-        Answer answer;
         EXPECT_TRUE(cgi.Start({BuiltFile("pplcounter-status")}, "/opt") && cgi.Wait(10000));
         size_t split = cgi.Stdout().find("\r\n\r\n");
-        answer.head = cgi.Stdout().substr(0, split + 2);
-        answer.body = split == std::string::npos ? "" : cgi.Stdout().substr(split + 4);
-        StrictJson json;
-        answer.json_ok = json.Parse(answer.body);
-        answer.json = json.values;
+        Answer answer{cgi.Stdout().substr(0, split + 2), cgi.Stdout().substr(split + 4)};
+        EXPECT_TRUE(split != std::string::npos && (answer.body.empty() || StrictJson(answer.body)))
+            << cgi.Stdout();
         return answer;
     }
     int lock_fd_ = -1;
@@ -141,27 +91,18 @@ TEST_F(StatusCgiTest, LiveFiguresOnlyFromTheServicesOwnFreshFile) {
     WriteStatus(kLive);
     Answer got = Ask();
     EXPECT_EQ(got.head.find("Status: 200 OK\r\n"), 0u) << got.head;
-    for (const std::string& line :
-         std::vector<std::string>{"Content-Type: application/json", "Cache-Control: no-store",
-                                  "Content-Length: " + std::to_string(got.body.size())})
-        EXPECT_NE(got.head.find("\r\n" + line + "\r\n"), std::string::npos) << line;
-    ASSERT_TRUE(got.json_ok) << got.body;
-    EXPECT_LE(std::stod(got.json["age"]), 1.5);
-    got.json.erase("age");
-    std::map<std::string, std::string> want = {
-        {"state", "ok"},        {"enabled", "true"},     {"in", "57"},
-        {"out", "49"},          {"stayin", "8"},         {"over", "10"},
-        {"under", "-2"},        {"over_alarm", "false"}, {"cameras", "{}"},
-        {"cameras.in", "true"}, {"cameras.out", "false"}};
-    EXPECT_EQ(got.json, want);
-
+    EXPECT_TRUE(got.Has("Content-Type: application/json") && got.Has("Cache-Control: no-store") &&
+                got.Has("Content-Length: " + std::to_string(got.body.size())))
+        << got.head;
+    EXPECT_EQ(std::regex_replace(got.body, std::regex("\"age\":(0|1)\\.[0-9],"), ""),
+              "{\"state\":\"ok\",\"enabled\":true,\"in\":57,\"out\":49,\"stayin\":8,\"over\":10,"
+              "\"under\":-2,\"over_alarm\":false,\"cameras\":{\"in\":true,\"out\":false}}\n");
     Answer head = Ask("HEAD");
     EXPECT_EQ(head.head, got.head);
     EXPECT_EQ(head.body, "");
     Answer post = Ask("POST");
     EXPECT_EQ(post.head.find("Status: 405 Method Not Allowed\r\n"), 0u);
-    EXPECT_NE(post.head.find("\r\nAllow: GET, HEAD\r\n"), std::string::npos);
-    EXPECT_TRUE(post.json_ok && post.json["state"] == "error") << post.body;
+    EXPECT_TRUE(post.Has("Allow: GET, HEAD")) << post.head;
 }
 
 TEST_F(StatusCgiTest, AnythingElseIsAnsweredAsWhatItIsWithoutFigures) {
@@ -188,9 +129,6 @@ TEST_F(StatusCgiTest, AnythingElseIsAnsweredAsWhatItIsWithoutFigures) {
         {"another user's", [&] { WriteStatus(kLive, kOtherUser); }, "untrusted",
          "(owned by user 65534); the service runs as user 0"},
         {"no group", [&] { WriteStatus("PPL.Enable = 1"); }, "nofigures", "no PPL.StayIn0.Count"},
-        {"a word the service never writes",
-         [&] { WriteStatus(std::string(kLive) + "\nPPL.In0.Status = maybe"); }, "nofigures",
-         "PPL.In0.Status is neither connect nor disconnect"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -198,11 +136,10 @@ TEST_F(StatusCgiTest, AnythingElseIsAnsweredAsWhatItIsWithoutFigures) {
         c.make();
         Answer got = Ask();
         EXPECT_EQ(got.head.find("Status: 503 Service Unavailable\r\n"), 0u) << got.head;
-        EXPECT_NE(got.head.find("\r\nRetry-After: 1\r\n"), std::string::npos);
-        ASSERT_TRUE(got.json_ok) << got.body;
-        EXPECT_EQ(got.json["state"], c.state);
-        EXPECT_NE(got.json["why"].find(c.why), std::string::npos) << got.json["why"];
-        EXPECT_EQ(got.json.count("stayin") + got.json.count("enabled"), 0u) << got.body;
+        EXPECT_TRUE(got.Has("Retry-After: 1")) << got.head;
+        EXPECT_EQ(got.body.find(std::string("{\"state\":\"") + c.state + "\",\"why\":\""), 0u);
+        EXPECT_NE(got.body.find(c.why), std::string::npos) << got.body;
+        EXPECT_EQ(got.body.find("\"stayin\""), std::string::npos) << got.body;
     }
 }
 
@@ -210,13 +147,13 @@ TEST_F(StatusCgiTest, AnythingElseIsAnsweredAsWhatItIsWithoutFigures) {
 TEST_F(StatusCgiTest, TheServicesUserIsTheOwnerOfTheLockItHolds) {
     HoldLock("/tmp", kOtherUser);
     WriteStatus(kLive, kOtherUser);
-    EXPECT_EQ(Ask().json["state"], "ok");
+    EXPECT_EQ(Ask().head.find("Status: 200 OK"), 0u);
     WriteStatus(kLive, 0);
-    EXPECT_NE(Ask().json["why"].find("(owned by user 0); the service runs as user 65534"),
+    EXPECT_NE(Ask().body.find("(owned by user 0); the service runs as user 65534"),
               std::string::npos);
     close(lock_fd_);
     lock_fd_ = -1;
-    EXPECT_EQ(Ask().json["state"], "ok") << "no service runs: root's file";
+    EXPECT_EQ(Ask().head.find("Status: 200 OK"), 0u) << "no service runs: root's file";
 }
 
 }  // namespace
