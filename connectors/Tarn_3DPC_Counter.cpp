@@ -4,9 +4,9 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 
 #include "ULog.h"
+#include "UTime.h"
 
 namespace {
 
@@ -17,13 +17,6 @@ pthread_mutex_t mutex_t = PTHREAD_MUTEX_INITIALIZER;
 
 constexpr unsigned int kPollSleepMs = 50;
 constexpr unsigned int kRetrySleepMs = 1000;
-
-// Monotonic clock in milliseconds.
-uint64_t GetTime() {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<uint64_t>(ts.tv_sec) * 1000 + static_cast<uint64_t>(ts.tv_nsec) / 1000000;
-}
 
 // Copies text into a fixed field, cut to leave room for the terminator.
 void CopyField(char* field, size_t size, const std::string& text) {
@@ -177,9 +170,7 @@ int Tarn_3DPC_Counter::get_ppl_total_cam_stayin() {
 void Tarn_3DPC_Counter::reset_ppl_total_counts() {
     total_in = 0;
     total_out = 0;
-    Abstract_PPL_CB* cb = count_cb;
-    if (cb)
-        cb->count_result(this);
+    notify_count_result();
 }
 
 int Tarn_3DPC_Counter::SendPPLRequest() {
@@ -223,9 +214,7 @@ void Tarn_3DPC_Counter::CountingResult() {
     }
     total_in = in;
     total_out = out;
-    Abstract_PPL_CB* cb = count_cb;
-    if (cb)
-        cb->count_result(this);
+    notify_count_result();
     dir_label = PPL_DIR_Label(get_dir());
     fprintf(stderr, "[%s Cam, idx: %d] Set total in: %d, total out: %d\n\n", dir_label.c_str(),
             cam_idx, in, out);
@@ -233,11 +222,11 @@ void Tarn_3DPC_Counter::CountingResult() {
 
 void Tarn_3DPC_Counter::WriteThreadLiveRecog() {
     thread_alive = true;
-    last_request_time = GetTime();
+    last_request_time = UTime::GetMonotonicMs();
     while (running) {
         if (!SleepUnlessStopped(kPollSleepMs))
             break;
-        poll_time = GetTime();
+        poll_time = UTime::GetMonotonicMs();
         if (!PollIsDue(poll_time))
             continue;
         last_request_time = poll_time;

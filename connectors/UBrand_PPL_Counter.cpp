@@ -2,17 +2,15 @@
 
 #include <poll.h>
 #include <sys/eventfd.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <climits>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 
 #include "ULog.h"
+#include "UTime.h"
 #include "UWait.h"
 #include "ipc_va.h"
 
@@ -49,15 +47,7 @@ bool ReadInt(const char* p, const char* end, int* value) {
 }  // namespace
 
 uint32_t GetTickCount() {
-    timespec ts;
-    if (clock_gettime(CLOCK_MONOTONIC, &ts) == 0) {
-        return static_cast<uint32_t>(static_cast<uint64_t>(ts.tv_sec) * 1000 +
-                                     static_cast<uint64_t>(ts.tv_nsec) / 1000000);
-    }
-    timeval tv;
-    gettimeofday(&tv, nullptr);
-    return static_cast<uint32_t>(static_cast<uint64_t>(tv.tv_sec) * 1000 +
-                                 static_cast<uint64_t>(tv.tv_usec) / 1000);
+    return static_cast<uint32_t>(UTime::GetMonotonicMs());
 }
 
 UBrand_PPL_Counter::UBrand_PPL_Counter(int idx)
@@ -162,9 +152,7 @@ int UBrand_PPL_Counter::get_ppl_total_cam_stayin() {
 void UBrand_PPL_Counter::reset_ppl_total_counts() {
     total_in = 0;
     total_out = 0;
-    Abstract_PPL_CB* cb = count_cb;
-    if (cb != nullptr)
-        cb->count_result(this);
+    notify_count_result();
 }
 
 void* UBrand_PPL_Counter::func_count_thread(void* arg) {
@@ -203,8 +191,7 @@ bool UBrand_PPL_Counter::Pause(int ms) {
 bool UBrand_PPL_Counter::AwaitMessage(int fd) {
     if (wake_fd < 0 || kick_fd < 0)
         return true;
-    using Clock = std::chrono::steady_clock;
-    const Clock::time_point began = Clock::now();
+    const uint64_t began = UTime::GetMonotonicMs();
     int woken = -1;
     UWaitResult result = UWait::Until(fd, POLLIN, {wake_fd, kick_fd}, -1, &woken);
     if (result == UWaitResult::Woken && woken == kick_fd) {
@@ -212,10 +199,9 @@ bool UBrand_PPL_Counter::AwaitMessage(int fd) {
         ssize_t n = read(kick_fd, &value, sizeof(value));
         (void)n;
         // The reconnect is taken up at the end of the 200 ms slice it came in.
-        const auto slice = std::chrono::microseconds(kEventWaitUs);
-        auto ends = began + ((Clock::now() - began) / slice + 1) * slice;
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(ends - Clock::now());
-        result = UWait::Until(fd, POLLIN, {wake_fd}, left.count() > 0 ? int(left.count()) : 0);
+        const uint64_t slice = kEventWaitUs / 1000, now = UTime::GetMonotonicMs();
+        const uint64_t ends = began + ((now - began) / slice + 1) * slice;
+        result = UWait::Until(fd, POLLIN, {wake_fd}, static_cast<int>(ends - now));
     }
     return result == UWaitResult::Ready;
 }
@@ -327,9 +313,7 @@ void UBrand_PPL_Counter::CountingResult(const std::string& json) {
     out = new_out;
     total_in = new_total_in;
     total_out = new_total_out;
-    Abstract_PPL_CB* cb = count_cb;
-    if (cb != nullptr)
-        cb->count_result(this);
+    notify_count_result();
     dir_label = PPL_DIR_Label(get_dir());
     fprintf(stderr, "[%s Cam, idx: %d] Set in: %d, out: %d, total in: %d, total out: %d\n",
             dir_label.c_str(), cam_idx, new_in, new_out, new_total_in, new_total_out);

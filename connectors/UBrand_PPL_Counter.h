@@ -10,8 +10,7 @@
 
 #include "Abstract_PPL_Counter.h"
 
-// Milliseconds of the monotonic clock (the wall clock if that fails), wrapping
-// at 2^32.
+// Milliseconds of the monotonic clock (UTime's), wrapping at 2^32.
 uint32_t GetTickCount();
 
 // Counter of a LAPI camera. Its worker connects to the camera, subscribes to

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "UFile.h"
 #include "UWait.h"
 
 namespace {
@@ -163,19 +164,6 @@ int scan(HTTP_CONTEXT* ctx) {
 // bytes, so one look usually holds the whole head and the body after it.
 const uint32_t kLookSize = 512;
 
-// Waits for the next byte under the caller's wait: 1 when one is there, 0
-// when the wait ran out or wake_fd became readable, minus errno on failure.
-int wait_for_byte(int fd, const timeval& wait, int wake_fd) {
-    switch (UWait::Until(fd, POLLIN, {wake_fd}, UWait::Ms(wait))) {
-        case UWaitResult::Ready:
-            return 1;
-        case UWaitResult::Error:
-            return -errno;
-        default:
-            return 0;
-    }
-}
-
 // Scans the looked-at bytes after the received ones and stops where a
 // byte-by-byte reader would have stopped reading. Returns the scan result;
 // *taken is the number of bytes that reader would have read.
@@ -193,21 +181,20 @@ int scan_looked_at(HTTP_CONTEXT* ctx, uint32_t looked, uint32_t* taken) {
     return scanned;
 }
 
-// Takes exactly length bytes that a look has shown to be there.
-ssize_t consume(int fd, char* to, uint32_t length) {
-    uint32_t got = 0;
-    while (got < length) {
-        ssize_t n = recv(fd, to + got, length - got, 0);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return n;
-        got += static_cast<uint32_t>(n);
-    }
-    return got;
-}
-
 }  // namespace
+
+int http_wait_part(int fd, int limit_ms, const UDeadline& deadline, int wake_fd) {
+    switch (UWait::Until(fd, POLLIN, {wake_fd}, deadline.Cut(limit_ms))) {
+        case UWaitResult::Ready:
+            return 1;
+        case UWaitResult::Woken:
+            return -ECANCELED;
+        case UWaitResult::TimedOut:
+            return deadline.Passed() ? -ETIMEDOUT : 0;
+        default:
+            return -errno;
+    }
+}
 
 // The head is read without ever taking a byte of the body: each look at the
 // socket (MSG_PEEK) is scanned as if read byte by byte, and then exactly the
@@ -227,9 +214,9 @@ int http_read_until_got_request(int fd, HTTP_CONTEXT* ctx, const timeval& wait, 
         // usually is); only an empty socket is waited on.
         ssize_t looked = recv(fd, at, look, MSG_PEEK | MSG_DONTWAIT);
         if (looked < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-            int ready = wait_for_byte(fd, wait, wake_fd);
+            int ready = http_wait_part(fd, UWait::Ms(wait), ctx->deadline, wake_fd);
             if (ready <= 0)
-                return ready;
+                return ready == -ECANCELED ? 0 : ready;
             looked = recv(fd, at, look, MSG_PEEK);
         }
         if (looked < 0)
@@ -238,11 +225,14 @@ int http_read_until_got_request(int fd, HTTP_CONTEXT* ctx, const timeval& wait, 
             fprintf(stderr, "%s(): Server closed\n", "http_read_until_got_request");
             return -1;
         }
+        if (ctx->received == 0)
+            ctx->deadline = UDeadline::In(ctx->limit_ms);  // the message has begun
         const int state = ctx->state;
         const uint32_t position = ctx->position;
         uint32_t taken = 0;
         int scanned = scan_looked_at(ctx, static_cast<uint32_t>(looked), &taken);
-        ssize_t got = consume(fd, at, taken);
+        // Exactly the bytes the look showed are there.
+        ssize_t got = UFile::ReadAll(fd, at, taken);
         if (got != static_cast<ssize_t>(taken)) {
             // Nothing counts as read: the context stays as it was.
             int result = got < 0 ? -errno : -1;

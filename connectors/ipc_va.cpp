@@ -8,13 +8,13 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 
+#include "UTextParam.h"
 #include "UWait.h"
 #include "http_parser.h"
 
@@ -43,67 +43,37 @@ int tarnu_socket_set_blocking_mode(int fd, int blocking) {
 }
 
 // Where a read waits: the socket, the wake descriptor whose readability
-// abandons the wait at once (ECANCELED), and, for the subscription answer,
-// the moment by which the whole of it must have arrived (ETIMEDOUT after),
-// however slowly its bytes come.
+// abandons the wait at once (ECANCELED), and the deadline by which the whole
+// message or answer must have arrived (ETIMEDOUT after), however slowly its
+// bytes come.
 struct Reader {
     int fd;
     int wake_fd;
-    bool has_deadline;
-    std::chrono::steady_clock::time_point deadline;
+    UDeadline deadline;
 };
 
-Reader reader_for(int fd, int wake_fd) {
-    return Reader{fd, wake_fd, false, std::chrono::steady_clock::time_point()};
+// Takes what is there at once; only when nothing is, waits for more.
+ssize_t recv_some(const Reader& r, char* buf, size_t len) {
+    ssize_t n = recv(r.fd, buf, len, MSG_DONTWAIT);
+    if (n >= 0 || (errno != EAGAIN && errno != EWOULDBLOCK))
+        return n;
+    int ready = http_wait_part(r.fd, -1, r.deadline, r.wake_fd);
+    if (ready <= 0) {
+        errno = -ready;
+        return -1;
+    }
+    return recv(r.fd, buf, len, 0);
 }
 
-// Milliseconds left before the reader's deadline, never negative.
-int ms_left(const Reader& r) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        r.deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0)
-        return 0;
-    return left.count() > INT_MAX ? INT_MAX : static_cast<int>(left.count());
-}
-
-// Waits as long as the socket's receive time-out would, and never past the
-// deadline, for the socket to become readable. Without a wake descriptor or
-// a deadline, recv does the waiting itself.
-bool wait_readable(const Reader& r) {
-    if (r.wake_fd < 0 && !r.has_deadline)
-        return true;
+// The connection's receive time-out in milliseconds (negative: none): the
+// time a whole event message may take once it has begun.
+int receive_timeout_ms(int fd) {
     timeval tv = {0, 0};
     socklen_t len = sizeof(tv);
-    int ms = -1;
-    if (getsockopt(r.fd, SOL_SOCKET, SO_RCVTIMEO, &tv, &len) == 0 && UWait::Ms(tv) > 0)
-        ms = UWait::Ms(tv);
-    bool deadline_first = r.has_deadline && (ms < 0 || ms_left(r) < ms);
-    if (deadline_first)
-        ms = ms_left(r);
-    switch (UWait::Until(r.fd, POLLIN, {r.wake_fd}, ms)) {
-        case UWaitResult::Ready:
-            return true;
-        case UWaitResult::TimedOut:
-            errno = deadline_first ? ETIMEDOUT : EAGAIN;
-            return false;
-        case UWaitResult::Woken:
-            errno = ECANCELED;
-            return false;
-        default:
-            return false;
-    }
-}
-
-// Takes what is there at once; only when nothing is, waits as above.
-ssize_t recv_some(const Reader& r, char* buf, size_t len) {
-    if (r.wake_fd >= 0 || r.has_deadline) {
-        ssize_t n = recv(r.fd, buf, len, MSG_DONTWAIT);
-        if (n >= 0 || (errno != EAGAIN && errno != EWOULDBLOCK))
-            return n;
-    }
-    if (!wait_readable(r))
+    if (getsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, &len) != 0 ||
+        (tv.tv_sec == 0 && tv.tv_usec == 0))
         return -1;
-    return recv(r.fd, buf, len, 0);
+    return UWait::Ms(tv);
 }
 
 // Reads one line, one byte per recv, line end included; returns its length
@@ -242,9 +212,7 @@ bool read_answer_headers(const Reader& r, long* content_length) {
 // The answer must be a 200 with a body, read whole within the receive
 // time-out of the request; its content is not used.
 bool read_subscription_answer(int fd, const IPCVA_WAITS& waits) {
-    Reader r = reader_for(fd, waits.wake_fd);
-    r.has_deadline = true;
-    r.deadline = std::chrono::steady_clock::now() + std::chrono::seconds(waits.recv_timeout_s);
+    Reader r = {fd, waits.wake_fd, UDeadline::In(waits.recv_timeout_s * 1000)};
     long content_length = 0;
     if (!read_status_line(r) || !read_answer_headers(r, &content_length)) {
         return false;
@@ -330,7 +298,11 @@ int ipcva_connect(std::string ip, unsigned short port, unsigned timeout_ms,
     memset(&peer, 0, sizeof(peer));
     peer.sin_family = AF_INET;
     peer.sin_port = htons(port);
-    peer.sin_addr.s_addr = inet_addr(ip.c_str());
+    // An address that names none is the broadcast address, as inet_addr
+    // gives it: the connect then fails.
+    uint32_t address = INADDR_NONE;
+    UTextParam::toIPv4Address(ip.c_str(), &address);
+    peer.sin_addr.s_addr = address;
     if (!tarnu_socket_set_blocking_mode(fd, 0) ||
         !socketConnect(fd, reinterpret_cast<sockaddr*>(&peer), sizeof(peer), timeout_ms,
                        waits.wake_fd) ||
@@ -350,6 +322,7 @@ int ipcva_recv_msg(int fd, std::string& msg, const timeval& wait, int wake_fd) {
         return -1;
     HTTP_CONTEXT ctx;
     HeadBuffer head(&ctx);
+    ctx.limit_ms = receive_timeout_ms(fd);
     int result = http_read_until_got_request(fd, &ctx, wait, wake_fd);
     if (result < 1)
         return result;
@@ -365,7 +338,7 @@ int ipcva_recv_msg(int fd, std::string& msg, const timeval& wait, int wake_fd) {
     }
     char body[kBodyBufferSize];
     memset(body, 0, sizeof(body));
-    if (recv_body(reader_for(fd, wake_fd), body, length) != length)
+    if (recv_body(Reader{fd, wake_fd, ctx.deadline}, body, length) != length)
         return -1;
     msg.assign(body);
     return static_cast<int>(msg.length());

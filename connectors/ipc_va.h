@@ -7,8 +7,10 @@
 #include <string>
 
 // Event channel to a LAPI camera: connect, subscribe to counting events, and
-// take one event body at a time off the connection. No state of its own; the
-// caller owns the descriptor.
+// take one event body at a time off the connection. The caller owns the
+// descriptor; the only state kept here is each calling thread's own message
+// head buffer (16 KiB, reused from message to message), so several counters'
+// threads may read their connections at once.
 
 // Receive and send time-out of every camera connection, in seconds.
 constexpr int IPCVA_SOCKET_TIMEOUT_S = 10;
@@ -41,7 +43,11 @@ int ipcva_connect(std::string ip, unsigned short port, unsigned timeout_ms,
 
 // Reads one event message: the body's length (above 0) with the body in msg,
 // 0 when nothing arrived within wait (or the body was empty), or a negative
-// value on error, on close or for a malformed message. Never closes fd.
+// value on error, on close or for a malformed message. wait bounds the wait
+// for each next byte of the head; once the message has begun, head and body
+// must arrive whole within the connection's receive time-out (the one
+// ipcva_connect set), however slowly they trickle (-1, errno ETIMEDOUT).
+// A readable wake_fd abandons the read. Never closes fd.
 int ipcva_recv_msg(int fd, std::string& msg, const timeval& wait, int wake_fd = -1);
 
 #endif

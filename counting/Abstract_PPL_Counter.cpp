@@ -57,3 +57,9 @@ void Abstract_PPL_Counter::reset_ppl_out() {
 void Abstract_PPL_Counter::set_ppl_count_callback(Abstract_PPL_CB* cb) {
     count_cb = cb;
 }
+
+void Abstract_PPL_Counter::notify_count_result() {
+    Abstract_PPL_CB* cb = count_cb;
+    if (cb != nullptr)
+        cb->count_result(this);
+}

@@ -57,6 +57,11 @@ public:
     virtual void set_ppl_count_callback(Abstract_PPL_CB* cb);
 
 protected:
+    // Tells the callback, when one is set, that this counter's counts
+    // changed: count_result(this) runs on the calling thread (the counter's
+    // worker, or whoever reset its totals).
+    void notify_count_result();
+
     std::atomic<PPL_DIR> dir;
     std::atomic<int> ppl_in;
     std::atomic<int> ppl_out;

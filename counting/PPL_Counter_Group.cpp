@@ -37,7 +37,6 @@ int PPL_Counter_Group::num() {
     return static_cast<int>(counters.size());
 }
 
-// Settings are kept on purpose: they stay readable until new ones are set.
 void PPL_Counter_Group::clear() {
     std::lock_guard<std::mutex> guard(lock);
     counters.clear();

@@ -21,6 +21,7 @@
 #include "ReplacementHttp.h"
 #include "Tarn3DPCAPIClient.h"
 #include "UBrandLAPIClient.h"
+#include "UFile.h"
 #include "ipc_va.h"
 
 namespace {
@@ -69,13 +70,7 @@ private:
                 std::lock_guard<std::mutex> hold(lock_);
                 answer = answer_;
             }
-            size_t sent = 0;
-            while (sent < answer.size()) {
-                ssize_t n = send(fd, answer.data() + sent, answer.size() - sent, MSG_NOSIGNAL);
-                if (n <= 0)
-                    break;
-                sent += static_cast<size_t>(n);
-            }
+            UFile::WriteAll(fd, answer.data(), answer.size());
             shutdown(fd, SHUT_WR);
             timeval limit = {3, 0};
             setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
@@ -104,14 +99,22 @@ void Subscribe(const std::string& answer) {
         close(fd);
 }
 
-void ThreeDpc(const std::string& answer, E_PC_API_TYPE type) {
+// The loopback camera's connection record, armed with the answer, for either
+// client library (DeviceInfo and CamInfo share these four fields).
+template <typename Info>
+Info Aim(const std::string& answer) {
     Camera().Arm(answer);
-    DeviceInfo info;
+    Info info;
     memset(&info, 0, sizeof(info));
     snprintf(info.HttpPort, sizeof(info.HttpPort), "%d", Camera().Port());
     snprintf(info.IP, sizeof(info.IP), "127.0.0.1");
     snprintf(info.UserName, sizeof(info.UserName), "admin");
     snprintf(info.Password, sizeof(info.Password), "admin");
+    return info;
+}
+
+void ThreeDpc(const std::string& answer, E_PC_API_TYPE type) {
+    DeviceInfo info = Aim<DeviceInfo>(answer);
     Tarn_3DPC_API_Client client;
     client.SetDeviceInfo(info);
     client.SetAPIType(type);
@@ -121,13 +124,7 @@ void ThreeDpc(const std::string& answer, E_PC_API_TYPE type) {
 }
 
 void LapiSettings(const std::string& answer) {
-    Camera().Arm(answer);
-    CamInfo info;
-    memset(&info, 0, sizeof(info));
-    snprintf(info.HttpPort, sizeof(info.HttpPort), "%d", Camera().Port());
-    snprintf(info.IP, sizeof(info.IP), "127.0.0.1");
-    snprintf(info.UserName, sizeof(info.UserName), "admin");
-    snprintf(info.Password, sizeof(info.Password), "admin");
+    CamInfo info = Aim<CamInfo>(answer);
     UBrand_LAPI_Client client;
     client.SetCamInfo(info);
     client.SetVAType(E_UBRAND_VA_PPL);

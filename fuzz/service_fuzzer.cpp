@@ -52,7 +52,7 @@ Rig* MakeRig() {
     if (mkdtemp(dir) == nullptr)
         abort();
     rig->dir = dir;
-    PPLCounterSettings where;
+    PPLCounterPlaces where;
     where.system_ini = rig->dir + "/System.ini";
     where.status_ini = rig->dir + "/PPLCounter.ini";
     where.record_ini = rig->dir + "/PPLRecord.ini";

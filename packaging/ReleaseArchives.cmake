@@ -1,6 +1,7 @@
 # Release archives, one per install component, made by `cpack` in the build
 # directory (or the "package" target):
 #   pplcounter-<version>-<arch>-runtime.tar.gz   what a recorder needs
+#   pplcounter-<version>-<arch>-display.tar.gz   the door display
 #   pplcounter-<version>-<arch>-tools.tar.gz     camsim and the headers
 # Laid out for prefix /usr with binaries stripped, to be unpacked over a
 # firmware image's root (the init script then names /usr/sbin/pplcounter).
@@ -25,10 +26,11 @@ set(CPACK_GENERATOR TGZ)
 set(CPACK_PACKAGE_NAME pplcounter)
 set(CPACK_PACKAGE_VENDOR "the pplcounter authors")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "People-counting service for network video recorders")
-set(CPACK_RESOURCE_FILE_LICENSE ${CMAKE_SOURCE_DIR}/LICENSE)
+set(CPACK_RESOURCE_FILE_LICENSE ${PROJECT_SOURCE_DIR}/LICENSE)
 set(CPACK_ARCHIVE_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL runtime tools)
+set(CPACK_COMPONENTS_ALL runtime display tools)
 set(CPACK_ARCHIVE_RUNTIME_FILE_NAME pplcounter-${PROJECT_VERSION}-${PPL_PACKAGE_ARCH}-runtime)
+set(CPACK_ARCHIVE_DISPLAY_FILE_NAME pplcounter-${PROJECT_VERSION}-${PPL_PACKAGE_ARCH}-display)
 set(CPACK_ARCHIVE_TOOLS_FILE_NAME pplcounter-${PROJECT_VERSION}-${PPL_PACKAGE_ARCH}-tools)
 set(CPACK_INCLUDE_TOPLEVEL_DIRECTORY OFF)
 # Installed as `DESTDIR=... cmake --install --prefix /usr` installs, so that the

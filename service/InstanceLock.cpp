@@ -3,10 +3,14 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <iterator>
+#include <map>
 
 #include "OwnedFile.h"
 #include "PPLConstants.h"
@@ -28,6 +32,13 @@ std::string InstanceLock::DirIn(const std::vector<std::string>& dirs) {
     return "";
 }
 
+std::vector<std::string> InstanceLock::ServiceDirs() {
+    std::vector<std::string> dirs(std::begin(ppl::kInstanceLockDirs),
+                                  std::end(ppl::kInstanceLockDirs));
+    dirs.push_back(ppl::kInstanceLockFallbackDir);
+    return dirs;
+}
+
 InstanceLock::Outcome InstanceLock::TakeForService(std::string* why, std::string* said) {
     std::string dir = DirIn({std::begin(ppl::kInstanceLockDirs), std::end(ppl::kInstanceLockDirs)});
     if (!dir.empty())
@@ -40,6 +51,57 @@ InstanceLock::Outcome InstanceLock::TakeForService(std::string* why, std::string
         TakeAt(dir_fd, ppl::kInstanceLockName, dir + "/" + ppl::kInstanceLockName, why);
     close(dir_fd);
     return outcome;
+}
+
+namespace {
+
+// The kernel names a locked file "major:minor:inode", the numbers of its
+// device in hexadecimal.
+std::string LockedFileName(const struct stat& st) {
+    char name[64];
+    snprintf(name, sizeof(name), "%02x:%02x:%llu", major(st.st_dev), minor(st.st_dev),
+             static_cast<unsigned long long>(st.st_ino));
+    return name;
+}
+
+// The files someone holds an flock on, by their kernel name, with the
+// holder's process id. False when /proc/locks cannot be read.
+bool FlockHolders(std::map<std::string, pid_t>* holders) {
+    FILE* locks = fopen("/proc/locks", "re");
+    if (locks == nullptr)
+        return false;
+    char line[256];
+    while (fgets(line, sizeof(line), locks) != nullptr) {
+        // Waiting requests ("1: -> FLOCK ...") read as kind "->" and are
+        // left out.
+        char kind[16], name[64];
+        int pid = 0;
+        if (sscanf(line, "%*d: %15s %*s %*s %d %63s", kind, &pid, name) == 3 &&
+            strcmp(kind, "FLOCK") == 0)
+            holders->emplace(name, pid);
+    }
+    fclose(locks);
+    return true;
+}
+
+}  // namespace
+
+bool InstanceLock::FindHolder(const std::vector<std::string>& dirs, Holder* holder) {
+    std::map<std::string, pid_t> holders;
+    if (!FlockHolders(&holders))
+        return false;
+    for (const std::string& dir : dirs) {
+        std::string path = dir + "/" + ppl::kInstanceLockName;
+        struct stat st;
+        if (lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
+            continue;
+        auto found = holders.find(LockedFileName(st));
+        if (found == holders.end())
+            continue;
+        *holder = {path, st.st_uid, found->second};
+        return true;
+    }
+    return false;
 }
 
 // A directory of this user's at dir, 0700: made where nothing is there;

@@ -1,6 +1,8 @@
 #ifndef PPL_INSTANCE_LOCK_H
 #define PPL_INSTANCE_LOCK_H
 
+#include <sys/types.h>
+
 #include <string>
 #include <vector>
 
@@ -34,6 +36,21 @@ public:
     // fallback's name is moved aside first; *said then holds one line
     // saying so.
     Outcome TakeForService(std::string* why, std::string* said);
+    // Where the service's lock may be, in the order it looks there.
+    static std::vector<std::string> ServiceDirs();
+
+    // The process holding the lock in the first of dirs where one is held,
+    // and the owner of that lock file, which is the service's user (the
+    // service refuses a lock file not its own). Read from /proc/locks, so
+    // that looking cannot disturb a service that is just starting, as
+    // trying the lock could. False when nobody holds one, or /proc/locks
+    // cannot be read.
+    struct Holder {
+        std::string path;
+        uid_t owner = 0;
+        pid_t pid = 0;
+    };
+    static bool FindHolder(const std::vector<std::string>& dirs, Holder* holder);
 
     // Opens the file at path (never through a symbolic link), creating it
     // 0600, and locks it without waiting. Refused with the reason in *why

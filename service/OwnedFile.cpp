@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <vector>
 
+#include "UFile.h"
 #include "ULog.h"
 
 namespace {
@@ -27,35 +28,14 @@ private:
     int fd_;
 };
 
-bool WriteAll(int fd, const std::string& text) {
-    size_t done = 0;
-    while (done < text.size()) {
-        ssize_t n = write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        done += static_cast<size_t>(n);
-    }
-    return true;
-}
-
 // At most max_bytes + 1 bytes, so that a file that grew past the limit
 // since it was looked at is noticed.
 bool ReadUpTo(int fd, long max_bytes, std::string* text) {
     std::vector<char> buffer(static_cast<size_t>(max_bytes) + 1);
-    size_t got = 0;
-    while (got < buffer.size()) {
-        ssize_t n = read(fd, buffer.data() + got, buffer.size() - got);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0)
-            return false;
-        if (n == 0)
-            break;
-        got += static_cast<size_t>(n);
-    }
-    text->assign(buffer.data(), got);
+    ssize_t got = UFile::ReadAll(fd, buffer.data(), buffer.size());
+    if (got < 0)
+        return false;
+    text->assign(buffer.data(), static_cast<size_t>(got));
     return true;
 }
 
@@ -185,7 +165,7 @@ bool OwnedFile::Replace(const std::string& path, const std::string& text, mode_t
     if (fd.get() < 0)
         return false;
     // The mode is set on the descriptor, not left to the umask.
-    bool ok = fchmod(fd.get(), mode) == 0 && WriteAll(fd.get(), text) &&
+    bool ok = fchmod(fd.get(), mode) == 0 && UFile::WriteAll(fd.get(), text.data(), text.size()) &&
               rename(temp.data(), path.c_str()) == 0;
     if (!ok)
         unlink(temp.data());

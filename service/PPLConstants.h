@@ -3,7 +3,7 @@
 
 // The fixed places the service meets the rest of the recorder. Every path and
 // queue key lives here; tests point the service elsewhere through
-// PPLCounterSettings, the binary itself always uses these.
+// PPLCounterPlaces, the binary itself always uses these.
 namespace ppl {
 
 constexpr const char* kSystemIniPath = "/opt/user/ZV318/INIT/ZV318System.ini";
@@ -29,8 +29,6 @@ constexpr unsigned int kCommandSocketMode = 0660;
 // 601 (0x259) is the queue the service owns and reads; 259 (decimal) the
 // other module's queue it writes. Both values are exactly as they are.
 constexpr int kEventInKey = 601;
-// LAPI cameras are channels 0 to 3, one counter each.
-constexpr int kLapiCounters = 4;
 constexpr int kEventOutKey = 259;
 
 }  // namespace ppl

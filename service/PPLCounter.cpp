@@ -15,6 +15,7 @@
 #include "Tarn_3DPC_Counter.h"
 #include "UBrand_PPL_Counter.h"
 #include "USignal.h"
+#include "UTime.h"
 
 namespace {
 constexpr uint64_t kStatusPeriodMs = 1000;
@@ -67,7 +68,7 @@ std::string Printable(const char* text) {
     return out;
 }
 
-PPLCounter::PPLCounter(const PPLCounterSettings& settings)
+PPLCounter::PPLCounter(const PPLCounterPlaces& places)
     : reload_config(true),
       running(false),
       initialized(false),
@@ -85,10 +86,10 @@ PPLCounter::PPLCounter(const PPLCounterSettings& settings)
       stayin_under_latched(false),
       use_3dpc(0),
       counter_3dpc(nullptr),
-      where(settings) {
+      where(places) {
     counter_3dpc = LiveUntilExit(new Tarn_3DPC_Counter(0));
     counter_3dpc->set_ppl_count_callback(this);
-    for (int i = 0; i < ppl::kLapiCounters; ++i) {
+    for (int i = 0; i < ppl::kLapiChannels; ++i) {
         UBrand_PPL_Counter* counter = LiveUntilExit(new UBrand_PPL_Counter(i));
         counter->set_ppl_count_callback(this);
         lapi_counters.push_back(counter);
@@ -111,9 +112,7 @@ void PPLCounter::Stop() {
 }
 
 uint64_t PPLCounter::GetTime() {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<uint64_t>(ts.tv_sec) * 1000 + static_cast<uint64_t>(ts.tv_nsec) / 1000000;
+    return UTime::GetMonotonicMs();
 }
 
 void PPLCounter::Run() {

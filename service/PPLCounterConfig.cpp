@@ -1,21 +1,18 @@
 // Service and camera configuration from the system configuration file.
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstring>
 #include <iostream>
 
 #include "PPLCounter.h"
+#include "PPLSystemIni.h"
 #include "SAttr.h"
 #include "ShowLog.h"
 #include "Tarn_3DPC_Counter.h"
 #include "UBrand_PPL_Counter.h"
 
 namespace {
-
-constexpr int kMaskBits = 32;
 
 // Texts handed to fixed fields keep what fits (size - 1 characters).
 std::string Cut(const char* text, size_t field_size) {
@@ -25,19 +22,10 @@ std::string Cut(const char* text, size_t field_size) {
     return s;
 }
 
-void CopyField(char* field, size_t field_size, const char* text) {
-    strncpy(field, text, field_size - 1);
-    field[field_size - 1] = '\0';
-}
-
 }  // namespace
 
-std::string PPLCounter::ComposeKey(std::stringstream& stream, const char* head, long number,
-                                   const char* tail) {
-    stream.str("");
-    stream.clear();
-    stream << head << number << tail;
-    return stream.str();
+std::string PPLCounter::KeyOfCamera(int camera, ppl::CameraKey key) {
+    return ppl::ComposeKey(cfg_key_stream, ppl::kCameraHead, camera, ppl::kCameraTails[key]);
 }
 
 void PPLCounter::StopLapiCounters() {
@@ -49,36 +37,35 @@ void PPLCounter::StopLapiCounters() {
 // the 3DPC counter serves every index that fits the mask, a LAPI index must
 // be one of the four counters.
 Abstract_PPL_Counter* PPLCounter::CounterForCamera(int camera) {
-    if (use_3dpc == 1) {
-        return (camera >= 0 && camera < kMaskBits) ? counter_3dpc : nullptr;
-    }
+    if (use_3dpc == 1)
+        return ppl::NamesCounter(true, camera) ? counter_3dpc : nullptr;
     return LapiCounter(camera);
 }
 
 UBrand_PPL_Counter* PPLCounter::LapiCounter(long camera) {
-    if (camera < 0 || camera >= ppl::kLapiCounters)
-        return nullptr;
-    return lapi_counters[camera];
+    return ppl::NamesCounter(false, camera) ? lapi_counters[camera] : nullptr;
 }
 
 // The system configuration is the whole recorder's: every other module's
 // keys are in it too. It is created, empty, only where there is none. A file
 // that exists but cannot be loaded (another module rewriting it, unreadable,
-// too big) is never written: it is tried once more, then the pass reads as
-// every key missing.
+// too big) is never written: the pass reads as every key missing.
 void PPLCounter::LoadSystemIni(SAttr& ini) {
     const char* path = where.system_ini.c_str();
-    if (ini.LoadFile(path))
-        return;
-    struct stat st;
-    if (lstat(path, &st) != 0 && errno == ENOENT) {
-        int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-        if (fd >= 0)
-            close(fd);
-        return;
+    switch (ppl::LoadSystemIni(ini, where.system_ini)) {
+        case ppl::IniLoad::Loaded:
+            return;
+        case ppl::IniLoad::Missing: {
+            int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+            if (fd >= 0)
+                close(fd);
+            return;
+        }
+        case ppl::IniLoad::Unreadable:
+            ShowLog("PPLCounter::ReadIni(), %s cannot be loaded; read as empty, left as it is\n",
+                    path);
+            return;
     }
-    if (!ini.LoadFile(path))
-        ShowLog("PPLCounter::ReadIni(), %s cannot be loaded; read as empty, left as it is\n", path);
 }
 
 bool PPLCounter::ReadIni() {
@@ -86,14 +73,14 @@ bool PPLCounter::ReadIni() {
     LoadSystemIni(ini);
     lapi_cam_mask = 0;
 
-    group_num = ini.GetUIntValue("SERV_PPL_NUM", 10);
+    group_num = ppl::ReadUnsigned(ini, ppl::kKeyGroupCount);
     std::cout << "PPL Grp Num: " << group_num << std::endl;
-    if (group_num > 1) {
-        std::cout << "Max PPL Group Num is " << 1 << std::endl;
-        group_num = 1;
+    if (group_num > ppl::kMaxGroups) {
+        std::cout << "Max PPL Group Num is " << ppl::kMaxGroups << std::endl;
+        group_num = ppl::kMaxGroups;
     }
 
-    enable = ini.GetIntValue("SERV_PPL_ENABLE", 10);
+    enable = ppl::ReadNumber(ini, ppl::kKeyEnable);
     std::cout << "PPL Service Enable: " << enable << std::endl;
     if (enable == 0) {
         StopLapiCounters();
@@ -101,9 +88,8 @@ bool PPLCounter::ReadIni() {
         return true;
     }
 
-    if (ini.HasKey("SERV_PPL_TYPE")) {
-        use_3dpc = strcmp(ini.GetKeyValue("SERV_PPL_TYPE"), "3DPCV2") == 0 ? 1 : 0;
-    }
+    if (ini.HasKey(ppl::kKeyCameraKind))
+        use_3dpc = strcmp(ini.GetKeyValue(ppl::kKeyCameraKind), ppl::kCameraKind3DPC) == 0 ? 1 : 0;
     if (use_3dpc == 1) {
         StopLapiCounters();
         group_num = 1;
@@ -140,11 +126,11 @@ void PPLCounter::ReadGroup(SAttr& ini, unsigned int g) {
 // The out side passes through direction 3 on its way to OUT, so a camera that
 // is both the in and the out camera (set IN just before) ends DUAL.
 void PPLCounter::ReadGroupCamera(SAttr& ini, unsigned int g, bool in) {
-    const std::string key =
-        ComposeKey(cfg_key_stream, in ? "SERV_PPL_IN_" : "SERV_PPL_OUT_", g, "_CAM");
+    const std::string key = ppl::ComposeKey(
+        cfg_key_stream, in ? ppl::kInCameraHead : ppl::kOutCameraHead, g, ppl::kCameraSideTail);
     if (!ini.HasKey(key.c_str()))
         return;
-    int c = ini.GetIntValue(key.c_str(), 10);
+    int c = ppl::ReadNumber(ini, key);
     std::cout << (in ? "PPL In Cam: " : "PPL Out Cam: ") << c << std::endl;
     Abstract_PPL_Counter* counter = CounterForCamera(c);
     if (counter == nullptr)
@@ -169,12 +155,13 @@ void PPLCounter::ReadGroupLimits(SAttr& ini, unsigned int g) {
         const char* tail;
         const char* label;
         bool over;
-    } kLimits[] = {{"_OVER", "PPL Alarm Over: ", true}, {"_UNDER", "PPL Alarm Under: ", false}};
+    } kLimits[] = {{ppl::kOverTail, "PPL Alarm Over: ", true},
+                   {ppl::kUnderTail, "PPL Alarm Under: ", false}};
     for (const auto& limit : kLimits) {
-        const std::string key = ComposeKey(cfg_key_stream, "SERV_PPL_STAYIN_", g, limit.tail);
+        const std::string key = ppl::ComposeKey(cfg_key_stream, ppl::kStayinHead, g, limit.tail);
         if (!ini.HasKey(key.c_str()))
             continue;  // the limit stays as it was
-        int value = ini.GetIntValue(key.c_str(), 10);
+        int value = ppl::ReadNumber(ini, key);
         {
             std::lock_guard<std::mutex> guard(alarm_lock);
             (limit.over ? stayin_limits[g].first : stayin_limits[g].second) = value;
@@ -183,43 +170,35 @@ void PPLCounter::ReadGroupLimits(SAttr& ini, unsigned int g) {
     }
 }
 
-// Fills the record key by key; false (after naming the missing key) when the
-// group's settings are incomplete.
+// Fills the record key by key, printing each value as it is read; false
+// (after naming the missing key) when the group's settings are incomplete.
 bool PPLCounter::ReadGroupSettings(SAttr& ini, unsigned int g, _PPL_CAM_SETTINGS& record) {
-    static const char* const kTails[] = {"_RESET_ENABLE", "_RESET_TIME", "_REPORT_INTERVAL",
-                                         "_SENSITIVITY", "_CLEAR_COUNT"};
-    for (int step = 0; step < 5; ++step) {
-        const std::string key = ComposeKey(cfg_key_stream, "SERV_PPL_SETTINGS_", g, kTails[step]);
-        if (!ini.HasKey(key.c_str())) {
-            std::cout << "PPL config is incomplete: " << key << std::endl;
-            return false;
-        }
+    std::string missing;
+    auto print = [&](ppl::SettingsKey step, const std::string&) {
         switch (step) {
-            case 0:
-                record.ResetEnable = ini.GetIntValue(key.c_str(), 10);
+            case ppl::kResetEnable:
                 std::cout << "PPL Reset Time Enable: " << record.ResetEnable << std::endl;
                 break;
-            case 1:
-                CopyField(record.ResetTime, sizeof(record.ResetTime), ini.GetKeyValue(key.c_str()));
+            case ppl::kResetTime:
                 std::cout << "PPL Reset Time: " << record.ResetTime << std::endl;
                 break;
-            case 2:
-                record.ReportInterval = ini.GetIntValue(key.c_str(), 10);
+            case ppl::kReportInterval:
                 std::cout << "PPL Report Interval: " << record.ReportInterval << std::endl;
                 if (use_3dpc == 1)
                     counter_3dpc->SetDeviceInterval(record.ReportInterval);
                 break;
-            case 3:
-                record.Sensitivity = ini.GetIntValue(key.c_str(), 10);
+            case ppl::kSensitivity:
                 std::cout << "PPL Sensitivity: " << record.Sensitivity << std::endl;
                 break;
             default:
-                record.ClearCounts = ini.GetIntValue(key.c_str(), 10);
                 std::cout << "PPL Clear Counts: " << record.ClearCounts << std::endl;
                 break;
         }
-    }
-    return true;
+    };
+    if (ppl::ReadGroupSettings(ini, cfg_key_stream, g, record, print, &missing))
+        return true;
+    std::cout << "PPL config is incomplete: " << missing << std::endl;
+    return false;
 }
 
 // The 3DPC counter runs only when camera index 0 is named; LAPI counters run
@@ -235,7 +214,7 @@ void PPLCounter::StartSelectedCounters() {
         }
         return;
     }
-    for (int n = 0; n < ppl::kLapiCounters; ++n) {
+    for (int n = 0; n < ppl::kLapiChannels; ++n) {
         if (mask & (1u << n)) {
             lapi_counters[n]->start();
         } else {
@@ -246,12 +225,12 @@ void PPLCounter::StartSelectedCounters() {
 
 int PPLCounter::ReadCamIni() {
     SAttr ini('=', "\r\n", "\n", nullptr);
-    ini.LoadFile(where.system_ini.c_str());
+    ppl::LoadSystemIni(ini, where.system_ini);
     if (use_3dpc == 1) {
         ReadCamIni3DPC(ini);
         return 1;
     }
-    for (int n = 0; n < ppl::kLapiCounters; ++n) {
+    for (int n = 0; n < ppl::kLapiChannels; ++n) {
         if (lapi_cam_mask & (1u << n))
             ReadCamIniLapi(ini, n);
     }
@@ -265,23 +244,23 @@ void PPLCounter::ReadCamIni3DPC(SAttr& ini) {
     counter_3dpc->GetDeviceInfo(ip, port);
     counter_3dpc->GetDeviceAccount(user, password);
     bool changed = false;
-    const char* value = ini.GetKeyValue("SERV_PPL_CAM_0_IP");
+    const char* value = ini.GetKeyValue(KeyOfCamera(0, ppl::kCameraAddress).c_str());
     if (value != nullptr && Cut(value, sizeof(DeviceInfo::IP)) != ip) {
         counter_3dpc->SetDeviceIP(value);
         changed = true;
     }
-    value = ini.GetKeyValue("SERV_PPL_CAM_0_HTTP");
+    value = ini.GetKeyValue(KeyOfCamera(0, ppl::kCameraPort).c_str());
     if (value != nullptr && Cut(value, sizeof(DeviceInfo::HttpPort)) != port) {
         counter_3dpc->SetDeviceHttpPort(value);
         changed = true;
     }
-    value = ini.GetKeyValue("SERV_PPL_CAM_0_USERNAME");
+    value = ini.GetKeyValue(KeyOfCamera(0, ppl::kCameraUser).c_str());
     if (value != nullptr && Cut(value, sizeof(DeviceInfo::UserName)) != user) {
         user = value;
         counter_3dpc->SetDeviceAccount(user, password);
         changed = true;
     }
-    value = ini.GetKeyValue("SERV_PPL_CAM_0_PASSWORD");
+    value = ini.GetKeyValue(KeyOfCamera(0, ppl::kCameraPassword).c_str());
     if (value != nullptr && Cut(value, sizeof(DeviceInfo::Password)) != password) {
         counter_3dpc->SetDeviceAccount(user, value);
         changed = true;
@@ -295,7 +274,7 @@ void PPLCounter::ReadCamIni3DPC(SAttr& ini) {
 void PPLCounter::ReadCamIniLapi(SAttr& ini, int n) {
     UBrand_PPL_Counter* counter = lapi_counters[n];
     bool changed = false;
-    const char* ip = ini.GetKeyValue(ComposeKey(cfg_key_stream, "SERV_PPL_CAM_", n, "_IP").c_str());
+    const char* ip = ini.GetKeyValue(KeyOfCamera(n, ppl::kCameraAddress).c_str());
     if (ip != nullptr) {
         std::string current = counter->get_server_addr();
         if (current.empty()) {
@@ -305,9 +284,9 @@ void PPLCounter::ReadCamIniLapi(SAttr& ini, int n) {
             changed = true;
         }
     }
-    const std::string http = ComposeKey(cfg_key_stream, "SERV_PPL_CAM_", n, "_HTTP");
+    const std::string http = KeyOfCamera(n, ppl::kCameraPort);
     if (ini.HasKey(http.c_str())) {
-        int port = ini.GetIntValue(http.c_str(), 10);
+        int port = ppl::ReadNumber(ini, http);
         if (port != counter->get_server_port()) {
             counter->set_server_port(port);
             counter->reconnect();
@@ -320,36 +299,33 @@ void PPLCounter::ReadCamIniLapi(SAttr& ini, int n) {
 
 bool PPLCounter::GetCamInfo(int camera, CamInfo& info) {
     SAttr ini('=', "\r\n", "\n", nullptr);
-    ini.LoadFile(where.system_ini.c_str());
+    ppl::LoadSystemIni(ini, where.system_ini);
     struct Field {
-        const char* tail;
         char* dest;
         size_t size;
-    } fields[] = {{"_IP", info.IP, sizeof(info.IP)},
-                  {"_HTTP", info.HttpPort, sizeof(info.HttpPort)},
-                  {"_USERNAME", info.UserName, sizeof(info.UserName)},
-                  {"_PASSWORD", info.Password, sizeof(info.Password)}};
-    for (const Field& f : fields) {
-        const char* value =
-            ini.GetKeyValue(ComposeKey(cfg_key_stream, "SERV_PPL_CAM_", camera, f.tail).c_str());
+    } fields[ppl::kCameraKeys] = {{info.IP, sizeof(info.IP)},
+                                  {info.HttpPort, sizeof(info.HttpPort)},
+                                  {info.UserName, sizeof(info.UserName)},
+                                  {info.Password, sizeof(info.Password)}};
+    for (int key = 0; key < ppl::kCameraKeys; ++key) {
+        const char* value = ini.GetKeyValue(KeyOfCamera(camera, ppl::CameraKey(key)).c_str());
         if (value == nullptr) {
             std::cout << "PPL Cam config is incomplete" << std::endl;
             return false;
         }
-        CopyField(f.dest, f.size, value);
+        ppl::CopyField(fields[key].dest, fields[key].size, value);
     }
     return true;
 }
 
 bool PPLCounter::GetCamInfo(int camera, std::string& address, int& port) {
     SAttr ini('=', "\r\n", "\n", nullptr);
-    ini.LoadFile(where.system_ini.c_str());
-    const char* ip =
-        ini.GetKeyValue(ComposeKey(cfg_key_stream, "SERV_PPL_CAM_", camera, "_IP").c_str());
+    ppl::LoadSystemIni(ini, where.system_ini);
+    const char* ip = ini.GetKeyValue(KeyOfCamera(camera, ppl::kCameraAddress).c_str());
     if (ip != nullptr)
         address = ip;
-    const std::string http = ComposeKey(cfg_key_stream, "SERV_PPL_CAM_", camera, "_HTTP");
+    const std::string http = KeyOfCamera(camera, ppl::kCameraPort);
     if (ini.HasKey(http.c_str()))
-        port = ini.GetIntValue(http.c_str(), 10);
+        port = ppl::ReadNumber(ini, http);
     return true;
 }

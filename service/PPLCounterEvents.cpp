@@ -16,9 +16,10 @@ namespace {
 constexpr size_t kEventBuildSize = 512;
 constexpr size_t kReplySize = 256;
 
-std::string Format(const char* format, int a, int b) {
+// A stay-in alarm's text: its format filled with the group and the limit.
+std::string StayInAlarmText(const char* format, int group, int limit) {
     char text[kEventBuildSize] = {0};
-    snprintf(text, sizeof(text), format, a, b);
+    snprintf(text, sizeof(text), format, group, limit);
     return std::string(text);
 }
 }  // namespace
@@ -38,11 +39,11 @@ std::string PPLCounter::Create_Count_Result_Event_Msg(int group, int in, int out
 }
 
 std::string PPLCounter::Create_StayIn_Under_Event_Msg(int group, int limit) {
-    return Format("event=ppl_stayin_under&group=%d&limit=%d", group, limit);
+    return StayInAlarmText("event=ppl_stayin_under&group=%d&limit=%d", group, limit);
 }
 
 std::string PPLCounter::Create_StayIn_Over_Event_Msg(int group, int limit) {
-    return Format("event=ppl_stayin_over&group=%d&limit=%d", group, limit);
+    return StayInAlarmText("event=ppl_stayin_over&group=%d&limit=%d", group, limit);
 }
 
 void PPLCounter::PPL_Event_Out(const std::string& text) {

@@ -49,7 +49,6 @@ bool PPLCounter::SendToPair(const std::pair<int, int>& pair, const char* request
     return true;
 }
 
-// Returns 1 when every camera of the group took the request, else 0.
 int PPLCounter::Reset_PPL_Cam_Service(unsigned int group, int enable_value) {
     char request[kEnableRequestSize] = {0};
     snprintf(request, sizeof(request), "action=ppl_setdata&Enable=%d", enable_value);

@@ -3,12 +3,15 @@
 
 #include "OwnedFile.h"
 #include "PPLCounter.h"
+#include "PPLSystemIni.h"
 #include "SAttr.h"
 #include "ShowLog.h"
 #include "Tarn_3DPC_Counter.h"
 #include "UBrand_PPL_Counter.h"
 #include "UFile.h"
 #include "ULog.h"
+
+using ppl::ComposeKey;
 
 namespace {
 const char* const kConnect = "connect";

@@ -35,7 +35,13 @@ SAttr::SAttr(char separator, const char* terminators, const char* record_separat
 SAttr::~SAttr() {}
 
 bool SAttr::LoadFile(const char* path) {
+    return LoadFile(path, nullptr);
+}
+
+bool SAttr::LoadFile(const char* path, std::string* bytes) {
     SetFilename(path);
+    if (bytes != nullptr)
+        bytes->clear();
     int64_t size = UFile::GetFileSize(m_szFileName);
     if (size < 0)
         return false;
@@ -50,6 +56,8 @@ bool SAttr::LoadFile(const char* path) {
     if (UFile::ReadFile(m_szFileName, text.get(), length) != length)
         return false;
     text[length] = '\0';
+    if (bytes != nullptr)
+        bytes->assign(text.get(), static_cast<size_t>(length));
     LoadMemory(text.get());
     return true;
 }

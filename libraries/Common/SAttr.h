@@ -16,9 +16,12 @@ public:
           const char* file_name);
     virtual ~SAttr();
 
-    // Adds the records of a whole file (and remembers the path); false when
-    // it cannot be read. An empty file loads as no records.
+    // Adds the records of a whole file (and remembers the path): its size is
+    // looked at, that many bytes read at once and the records taken up to
+    // the first NUL byte. False when it cannot be read whole. An empty file
+    // loads as no records. *bytes, when given, receives every byte read.
     bool LoadFile(const char* path);
+    bool LoadFile(const char* path, std::string* bytes);
     // Adds the records of a text: split at the terminators, each record
     // trimmed of white space around key and value; records with an empty
     // key or value, or without the separator, are skipped. The const form

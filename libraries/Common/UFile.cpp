@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <stdlib.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -16,19 +17,6 @@
 namespace {
 
 const int kMaxTextFile = 1048576;
-
-bool WriteAll(int fd, const unsigned char* data, size_t length) {
-    while (length > 0) {
-        ssize_t done = write(fd, data, length);
-        if (done < 0 && errno == EINTR)
-            continue;
-        if (done <= 0)
-            return false;
-        data += done;
-        length -= static_cast<size_t>(done);
-    }
-    return true;
-}
 
 }  // namespace
 
@@ -147,6 +135,43 @@ ssize_t UFile::Write(int fd, const void* data, size_t length) {
     if (done < 0)
         REPORT("Write");
     return done;
+}
+
+// send() first: on anything but a socket it fails with ENOTSOCK before doing
+// anything, and write() takes over.
+bool UFile::WriteAll(int fd, const void* data, size_t length) {
+    const char* at = static_cast<const char*>(data);
+    bool socket = true;
+    while (length > 0) {
+        ssize_t done = socket ? send(fd, at, length, MSG_NOSIGNAL) : write(fd, at, length);
+        if (done < 0 && socket && errno == ENOTSOCK) {
+            socket = false;
+            continue;
+        }
+        if (done < 0 && errno == EINTR)
+            continue;
+        if (done <= 0)
+            return false;
+        at += done;
+        length -= static_cast<size_t>(done);
+    }
+    return true;
+}
+
+ssize_t UFile::ReadAll(int fd, void* buffer, size_t length) {
+    char* at = static_cast<char*>(buffer);
+    size_t got = 0;
+    while (got < length) {
+        ssize_t n = read(fd, at + got, length - got);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return -1;
+        if (n == 0)
+            break;
+        got += static_cast<size_t>(n);
+    }
+    return static_cast<ssize_t>(got);
 }
 
 bool UFile::Close(int fd) {

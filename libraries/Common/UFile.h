@@ -29,6 +29,15 @@ public:
     static int Create(const char* path, int flags);
     static ssize_t Read(int fd, void* buffer, size_t length);
     static ssize_t Write(int fd, const void* data, size_t length);
+    // Writes every byte, going on after a partial or an interrupted write;
+    // false at the first failure (errno says why). A socket is written
+    // without raising SIGPIPE: a peer that went away is a failure, never the
+    // end of the process. Nothing is logged.
+    static bool WriteAll(int fd, const void* data, size_t length);
+    // Reads until length bytes have arrived or the end of the file (a
+    // socket's peer closed), going on after an interrupted read: the count
+    // read, or -1 at the first failure (errno says why). Nothing is logged.
+    static ssize_t ReadAll(int fd, void* buffer, size_t length);
     static bool Close(int fd);
     static off_t Seek(int fd, off_t offset, int whence);
     static bool Flush(int fd);

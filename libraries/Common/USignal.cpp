@@ -36,25 +36,6 @@ struct sigaction PlainAction(USignal::Handler handler) {
     return action;
 }
 
-bool ChangeThreadMask(int how, const sigset_t* set, sigset_t* old, const char* operation) {
-    int result = pthread_sigmask(how, set, old);
-    if (result == 0)
-        return true;
-    // GCOVR_EXCL_START: fails only for a bad "how", and callers pass constants
-    REPORT_RESULT(operation, result);
-    return false;
-    // GCOVR_EXCL_STOP
-}
-
-bool ChangeProcessMask(int how, const sigset_t* set, sigset_t* old, const char* operation) {
-    if (sigprocmask(how, set, old) == 0)
-        return true;
-    // GCOVR_EXCL_START: fails only for a bad "how", and callers pass constants
-    REPORT(operation);
-    return false;
-    // GCOVR_EXCL_STOP
-}
-
 }  // namespace
 
 const char* USignal::m_sStdSignalCode[33] = {
@@ -231,102 +212,45 @@ bool USignal::IsNonBlockSignal(int signal) {
     return signal == 0 || signal == SIGKILL || signal == SIGSTOP;
 }
 
+namespace usignal {
+
+bool ChangeProcessMask(int how, const sigset_t* set, sigset_t* old, const char* operation) {
+    if (sigprocmask(how, set, old) == 0)
+        return true;
+    // GCOVR_EXCL_START: fails only for a bad "how", and callers pass constants
+    REPORT(operation);
+    return false;
+    // GCOVR_EXCL_STOP
+}
+
+bool SendToProcess(pid_t pid, int signal, const union sigval* value, const char* operation) {
+    if ((value == nullptr ? kill(pid, signal) : sigqueue(pid, signal, *value)) == 0)
+        return true;
+    REPORT(operation);
+    return false;
+}
+
+bool ChangeThreadMask(int how, const sigset_t* set, sigset_t* old, const char* operation) {
+    int result = pthread_sigmask(how, set, old);
+    if (result == 0)
+        return true;
+    // GCOVR_EXCL_START: fails only for a bad "how", and callers pass constants
+    REPORT_RESULT(operation, result);
+    return false;
+    // GCOVR_EXCL_STOP
+}
+
+bool SendToThread(pthread_t thread, int signal, const union sigval* value, const char* operation) {
+    int result =
+        value == nullptr ? pthread_kill(thread, signal) : pthread_sigqueue(thread, signal, *value);
+    if (result == 0)
+        return true;
+    REPORT_RESULT(operation, result);
+    return false;
+}
+
+}  // namespace usignal
+
 UProcessSignal::~UProcessSignal() {}
 
-bool UProcessSignal::Block(int signal) {
-    sigset_t one;
-    return EmptySet(one) && AddSet(one, signal) && BlockMultiple(one);
-}
-
-bool UProcessSignal::Unblock(int signal) {
-    sigset_t one;
-    return EmptySet(one) && AddSet(one, signal) && UnblockMultiple(one);
-}
-
-bool UProcessSignal::BlockAll() {
-    sigset_t all;
-    return FillSet(all) && BlockMultiple(all);
-}
-
-bool UProcessSignal::BlockMultiple(const sigset_t& set) {
-    return ChangeProcessMask(SIG_BLOCK, &set, nullptr, "BlockMultiple");
-}
-
-bool UProcessSignal::UnblockMultiple(const sigset_t& set) {
-    return ChangeProcessMask(SIG_UNBLOCK, &set, nullptr, "UnblockMultiple");
-}
-
-bool UProcessSignal::GetSignalMask(sigset_t& set) {
-    return ChangeProcessMask(SIG_BLOCK, nullptr, &set, "GetSignalMask");
-}
-
-bool UProcessSignal::SetSignalMask(const sigset_t& set) {
-    return ChangeProcessMask(SIG_SETMASK, &set, nullptr, "SetSignalMask");
-}
-
-bool UProcessSignal::Send(pid_t pid, int signal) {
-    if (kill(pid, signal) == 0)
-        return true;
-    REPORT("Send");
-    return false;
-}
-
-bool UProcessSignal::SendEx(pid_t pid, int signal, int value) {
-    union sigval data;
-    data.sival_int = value;
-    if (sigqueue(pid, signal, data) == 0)
-        return true;
-    REPORT("SendEx");
-    return false;
-}
-
 UThreadSignal::~UThreadSignal() {}
-
-bool UThreadSignal::Block(int signal) {
-    sigset_t one;
-    return EmptySet(one) && AddSet(one, signal) && BlockMultiple(one);
-}
-
-bool UThreadSignal::Unblock(int signal) {
-    sigset_t one;
-    return EmptySet(one) && AddSet(one, signal) && UnblockMultiple(one);
-}
-
-bool UThreadSignal::BlockAll() {
-    sigset_t all;
-    return FillSet(all) && BlockMultiple(all);
-}
-
-bool UThreadSignal::BlockMultiple(const sigset_t& set) {
-    return ChangeThreadMask(SIG_BLOCK, &set, nullptr, "BlockMultiple");
-}
-
-bool UThreadSignal::UnblockMultiple(const sigset_t& set) {
-    return ChangeThreadMask(SIG_UNBLOCK, &set, nullptr, "UnblockMultiple");
-}
-
-bool UThreadSignal::GetSignalMask(sigset_t& set) {
-    return ChangeThreadMask(SIG_BLOCK, nullptr, &set, "GetSignalMask");
-}
-
-bool UThreadSignal::SetSignalMask(const sigset_t& set) {
-    return ChangeThreadMask(SIG_SETMASK, &set, nullptr, "SetSignalMask");
-}
-
-bool UThreadSignal::Send(pthread_t thread, int signal) {
-    int result = pthread_kill(thread, signal);
-    if (result == 0)
-        return true;
-    REPORT_RESULT("Send", result);
-    return false;
-}
-
-bool UThreadSignal::SendEx(pthread_t thread, int signal, int value) {
-    union sigval data;
-    data.sival_int = value;
-    int result = pthread_sigqueue(thread, signal, data);
-    if (result == 0)
-        return true;
-    REPORT_RESULT("SendEx", result);
-    return false;
-}

@@ -54,36 +54,69 @@ public:
     static bool IsNonBlockSignal(int signal);
 };
 
-// The process's signal mask; meant to be changed before any thread starts.
-class UProcessSignal : public USignal {
+// The operations on a signal mask and the sending of signals, once for both
+// kinds: Change is sigprocmask's or pthread_sigmask's part (it reports a
+// failure under the operation's name), Deliver sends a signal, with a value
+// when one is given, to a Target (a process or a thread). Block and Unblock
+// report "EmptySet", "AddSet" or "BlockMultiple"/"UnblockMultiple".
+template <typename Target,
+          bool (*Change)(int how, const sigset_t* set, sigset_t* old, const char* operation),
+          bool (*Deliver)(Target target, int signal, const union sigval* value,
+                          const char* operation)>
+class USignalMask : public USignal {
 public:
-    virtual ~UProcessSignal();
-
-    static bool Block(int signal);
-    static bool Unblock(int signal);
-    static bool BlockAll();
-    static bool BlockMultiple(const sigset_t& set);
-    static bool UnblockMultiple(const sigset_t& set);
-    static bool GetSignalMask(sigset_t& set);
-    static bool SetSignalMask(const sigset_t& set);
-    static bool Send(pid_t pid, int signal);
-    static bool SendEx(pid_t pid, int signal, int value);
+    static bool Block(int signal) {
+        sigset_t one;
+        return EmptySet(one) && AddSet(one, signal) && BlockMultiple(one);
+    }
+    static bool Unblock(int signal) {
+        sigset_t one;
+        return EmptySet(one) && AddSet(one, signal) && UnblockMultiple(one);
+    }
+    static bool BlockAll() {
+        sigset_t all;
+        return FillSet(all) && BlockMultiple(all);
+    }
+    static bool BlockMultiple(const sigset_t& set) {
+        return Change(SIG_BLOCK, &set, nullptr, "BlockMultiple");
+    }
+    static bool UnblockMultiple(const sigset_t& set) {
+        return Change(SIG_UNBLOCK, &set, nullptr, "UnblockMultiple");
+    }
+    static bool GetSignalMask(sigset_t& set) {
+        return Change(SIG_BLOCK, nullptr, &set, "GetSignalMask");
+    }
+    static bool SetSignalMask(const sigset_t& set) {
+        return Change(SIG_SETMASK, &set, nullptr, "SetSignalMask");
+    }
+    static bool Send(Target target, int signal) { return Deliver(target, signal, nullptr, "Send"); }
+    static bool SendEx(Target target, int signal, int value) {
+        union sigval data;
+        data.sival_int = value;
+        return Deliver(target, signal, &data, "SendEx");
+    }
 };
 
-// The calling thread's signal mask.
-class UThreadSignal : public USignal {
-public:
-    virtual ~UThreadSignal();
+// The system calls under the two masks.
+namespace usignal {
+bool ChangeProcessMask(int how, const sigset_t* set, sigset_t* old, const char* operation);
+bool SendToProcess(pid_t pid, int signal, const union sigval* value, const char* operation);
+bool ChangeThreadMask(int how, const sigset_t* set, sigset_t* old, const char* operation);
+bool SendToThread(pthread_t thread, int signal, const union sigval* value, const char* operation);
+}  // namespace usignal
 
-    static bool Block(int signal);
-    static bool Unblock(int signal);
-    static bool BlockAll();
-    static bool BlockMultiple(const sigset_t& set);
-    static bool UnblockMultiple(const sigset_t& set);
-    static bool GetSignalMask(sigset_t& set);
-    static bool SetSignalMask(const sigset_t& set);
-    static bool Send(pthread_t thread, int signal);
-    static bool SendEx(pthread_t thread, int signal, int value);
+// The process's signal mask; meant to be changed before any thread starts.
+class UProcessSignal
+    : public USignalMask<pid_t, usignal::ChangeProcessMask, usignal::SendToProcess> {
+public:
+    ~UProcessSignal() override;
+};
+
+// The calling thread's signal mask, and signals to one thread.
+class UThreadSignal
+    : public USignalMask<pthread_t, usignal::ChangeThreadMask, usignal::SendToThread> {
+public:
+    ~UThreadSignal() override;
 };
 
 #endif

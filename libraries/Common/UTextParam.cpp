@@ -1,5 +1,7 @@
 #include "UTextParam.h"
 
+#include <arpa/inet.h>
+
 #include <algorithm>
 #include <climits>
 #include <cstdarg>
@@ -90,4 +92,12 @@ int UTextParam::makeTextParam(char* out, int size, const char* format, ...) {
 int UTextParam::toIntValue(const char* text, int base) {
     long long value = strtoll(text, nullptr, base);
     return static_cast<int>(std::clamp<long long>(value, INT_MIN, INT_MAX));
+}
+
+bool UTextParam::toIPv4Address(const char* text, uint32_t* address) {
+    in_addr parsed;
+    if (text == nullptr || inet_aton(text, &parsed) == 0)
+        return false;
+    *address = parsed.s_addr;
+    return true;
 }

@@ -1,6 +1,8 @@
 #ifndef COMMON_UTEXTPARAM_H
 #define COMMON_UTEXTPARAM_H
 
+#include <cstdint>
+
 // A cursor over "key=value" records of a writable text; the text is cut up in
 // place and is not owned.
 class UTextParam {
@@ -24,6 +26,10 @@ public:
         __attribute__((format(printf, 3, 4)));
     // strtol of text in base; beyond the range of int, the nearest end of it.
     static int toIntValue(const char* text, int base);
+    // The IPv4 address a text names, as the C library's inet_addr reads it
+    // (dotted quads, their shorter and hexadecimal forms, anything after a
+    // blank ignored), in network byte order; false when it names none.
+    static bool toIPv4Address(const char* text, uint32_t* address);
 
 protected:
     char* m_pText;

@@ -3,8 +3,32 @@
 #include <errno.h>
 #include <poll.h>
 
-#include <chrono>
 #include <climits>
+
+#include "UTime.h"
+
+UDeadline UDeadline::In(int limit_ms) {
+    UDeadline deadline;
+    if (limit_ms >= 0) {
+        deadline.set_ = true;
+        deadline.at_ms_ = UTime::GetMonotonicMs() + static_cast<uint64_t>(limit_ms);
+    }
+    return deadline;
+}
+
+bool UDeadline::Passed() const {
+    return set_ && UTime::GetMonotonicMs() >= at_ms_;
+}
+
+int UDeadline::Cut(int limit_ms) const {
+    if (!set_)
+        return limit_ms;
+    uint64_t now = UTime::GetMonotonicMs();
+    uint64_t left = now >= at_ms_ ? 0 : at_ms_ - now;
+    if (left > INT_MAX)
+        left = INT_MAX;
+    return limit_ms >= 0 && limit_ms < static_cast<int>(left) ? limit_ms : static_cast<int>(left);
+}
 
 UWaitResult UWait::Until(int fd, short events, std::initializer_list<int> wake_fds, int timeout_ms,
                          int* woken, short* revents) {
@@ -15,19 +39,11 @@ UWaitResult UWait::Until(int fd, short events, std::initializer_list<int> wake_f
         if (n < sizeof(fds) / sizeof(fds[0]))
             fds[n++] = {wake, POLLIN, 0};
     }
-    using Clock = std::chrono::steady_clock;
-    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
-    int left = timeout_ms;
+    const UDeadline deadline = UDeadline::In(timeout_ms);
     while (true) {
-        int ready = poll(fds, n, timeout_ms < 0 ? -1 : left);
-        if (ready < 0 && errno == EINTR) {
-            if (timeout_ms >= 0) {
-                auto rest =
-                    std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-                left = rest.count() > 0 ? static_cast<int>(rest.count()) : 0;
-            }
+        int ready = poll(fds, n, deadline.Cut(-1));
+        if (ready < 0 && errno == EINTR)
             continue;
-        }
         if (ready < 0)
             return UWaitResult::Error;
         if (revents != nullptr)

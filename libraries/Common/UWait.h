@@ -3,6 +3,7 @@
 
 #include <sys/time.h>
 
+#include <cstdint>
 #include <initializer_list>
 
 // How a wait of UWait::Until ended.
@@ -11,6 +12,27 @@ enum class UWaitResult {
     Woken,     // a wake descriptor became readable (it wins over Ready)
     TimedOut,  // the time ran out
     Error,     // poll failed; errno tells why
+};
+
+// A moment on the monotonic clock by which a whole exchange (a message with
+// its body, an answer) must be done; none until set.
+class UDeadline {
+public:
+    UDeadline() = default;
+    virtual ~UDeadline() = default;
+
+    // limit_ms from now; a negative limit sets none.
+    static UDeadline In(int limit_ms);
+    bool IsSet() const { return set_; }
+    bool Passed() const;
+    // A wait of limit_ms (negative: no limit) cut to what is left before the
+    // deadline: the one rule by which every wait for a part of the exchange
+    // ends at its deadline.
+    int Cut(int limit_ms) const;
+
+private:
+    bool set_ = false;
+    uint64_t at_ms_ = 0;
 };
 
 // The one wait of the library and the camera connectors: a descriptor, any

@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
-# A firmware image on an emulated ARM board: the armhf runtime component,
-# staged with --strip, in a BusyBox initramfs with the checks' tools (camsim,
-# pplctl), booted by Debian's armmp kernel under qemu-system-arm (no KVM)
+# A firmware image on an emulated ARM board: the armhf runtime and display
+# components, staged with --strip, in a BusyBox initramfs with the checks'
+# tools (camsim, pplctl), booted by Debian's armmp kernel under qemu-system-arm (no KVM)
 # with BusyBox init as PID 1. rcS and inittab carry the lines of
 # docs/integration.md as they stand. A dynamic image holds the runtime
 # libraries docs/cross-compiling.md lists; a static one (PPL_STATIC) no C
-# library at all apart from BusyBox's own static one. The guest
+# library at all apart from BusyBox's own static one. The image's BusyBox
+# httpd serves the display in the layout of docs/display.md. The guest
 # (guest/busybox-check.sh) prints one line per check and the verdict.
 # Usage: busybox_boot_test.sh SOURCE_DIR ARMHF_BUILD BOARD_FILE dynamic|static
 set -euo pipefail
@@ -24,6 +25,7 @@ work=$(mktemp -d -p /var/tmp ppl-arm-boot.XXXXXX)
 trap 'rm -rf "$work"' EXIT
 img=$work/image
 DESTDIR=$img cmake --install "$build" --prefix /usr --component runtime --strip >/dev/null
+DESTDIR=$img cmake --install "$build" --prefix /usr --component display --strip >/dev/null
 # The checks' tools.
 DESTDIR=$img cmake --install "$build" --prefix /usr --component tools --strip >/dev/null
 rm -rf "$img/usr/include" "$img/usr/share/man"
@@ -39,7 +41,7 @@ else
     shared=$(cd "$img" && find . -name '*.so*' -o -name 'ld-linux*')
     [ -z "$shared" ] || fail "shared libraries in the static image: $shared"
     echo "image: no shared library and no loader in it"
-    for program in usr/sbin/pplcounter usr/bin/pplctl usr/bin/camsim; do
+    for program in usr/sbin/pplcounter usr/bin/pplctl usr/bin/camsim usr/lib/cgi-bin/pplcounter-status; do
         what=$(file -b "$img/$program")
         echo "image: $program: $what"
         [[ "$what" == *"statically linked"* ]] || fail "$program is not statically linked"
@@ -56,6 +58,12 @@ ln -s ../run "$img/var/run"
 cp "$here/guest/checks.sh" "$here/guest/busybox-check.sh" "$img/usr/local/lib/ppl-boot/"
 example_for_camsim "$img/usr/share/doc/pplcounter/ZV318System.ini.example" \
     >"$img/opt/user/ZV318/INIT/ZV318System.ini"
+# The display's web server set up as docs/display.md has it.
+doc_block "BusyBox httpd layout" "$src/docs/display.md" >"$img/usr/local/lib/ppl-boot/display-layout.sh"
+doc_block "BusyBox httpd.conf" "$src/docs/display.md" >"$img/etc/httpd.conf"
+if [ ! -s "$img/usr/local/lib/ppl-boot/display-layout.sh" ] || [ ! -s "$img/etc/httpd.conf" ]; then
+    fail "no BusyBox httpd layout or httpd.conf block in docs/display.md"
+fi
 # A small log cap, so that the log rotates while the cameras walk.
 echo PPLCOUNTER_LOG_MAX=8192 >"$img/etc/default/pplcounter"
 

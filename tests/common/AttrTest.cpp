@@ -10,7 +10,6 @@
 
 #include "SAttr.h"
 #include "Sandbox.h"
-#include "TestFiles.h"
 #include "UFile.h"
 
 namespace {
@@ -60,7 +59,7 @@ TEST(AttrFormat, BufferParserKeepsSecondTerminatorAndStopsAtBufferEnd) {
 }
 
 TEST(AttrFile, SaveLoadRoundTripAndEdgeResults) {
-    commontest::TempDir dir;
+    ppltest::TempDir dir;
     std::string path = dir.File("status.ini");
     SAttr out('=', "\r\n", "\n", path.c_str());
     out.SetKeyValue("B", "2");

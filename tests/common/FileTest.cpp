@@ -15,7 +15,6 @@
 #include <vector>
 
 #include "Sandbox.h"
-#include "TestFiles.h"
 #include "UFile.h"
 #include "USignal.h"
 
@@ -58,7 +57,7 @@ void ExpectReported(const std::string& log, const std::vector<const char*>& oper
 }  // namespace
 
 TEST(FileHelpers, WholeFilesOnMissingPathsDirectoriesShortWritesAndPreallocation) {
-    commontest::TempDir dir;
+    ppltest::TempDir dir;
     std::string inside = dir.File("absent/file"), missing = dir.File("none");
     std::string path = dir.File("ten"), folder = dir.Path();
     char buffer[16];
@@ -80,9 +79,9 @@ TEST(FileHelpers, WholeFilesOnMissingPathsDirectoriesShortWritesAndPreallocation
     testing::internal::CaptureStderr();
     EXPECT_EQ(UFile::GetFileSize(missing.c_str()), -1);
     std::string log = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(commontest::CountOf(log, "\t[ENOENT(2)] GetFileSize('" + missing + "') error.\n"), 1)
+    EXPECT_EQ(ppltest::CountOf(log, "\t[ENOENT(2)] GetFileSize('" + missing + "') error.\n"), 1)
         << log;
-    EXPECT_EQ(commontest::CountOf(log, "error."), 1) << log;
+    EXPECT_EQ(ppltest::CountOf(log, "error."), 1) << log;
 
     ASSERT_TRUE(UFile::WriteFile(path.c_str(), "0123456789", 10, 0600));
     memset(buffer, '#', sizeof(buffer));
@@ -127,24 +126,15 @@ TEST(FileHelpers, WholeFilesOnMissingPathsDirectoriesShortWritesAndPreallocation
     UFile::Close(fd);
 }
 
+// The descriptor and path helpers are one system call each: what they add is
+// a lock refusal that is not logged, the walk of CreateAbsolutePath, the
+// pattern of CreateTempFile, and a failure report naming each of them.
 TEST(FileHelpers, DescriptorsOpenAndNot) {
-    commontest::TempDir dir;
+    ppltest::TempDir dir;
     std::string path = dir.File("data");
     int fd = UFile::Create(path.c_str(), O_TRUNC);
     ASSERT_GE(fd, 0);
-    EXPECT_EQ(UFile::Write(fd, "abcdef", 6), 6);
-    EXPECT_EQ(UFile::Seek(fd, 2, SEEK_SET), 2);
     char buffer[8] = {0};
-    EXPECT_EQ(UFile::Read(fd, buffer, 3), 3);
-    EXPECT_STREQ(buffer, "cde");
-    EXPECT_EQ(UFile::GetFileSize(fd), 6);
-    EXPECT_TRUE(UFile::Flush(fd));
-    EXPECT_TRUE(UFile::SyncFileRange(fd, 0, 0, SYNC_FILE_RANGE_WRITE));
-    EXPECT_TRUE(UFile::ControlCache(fd, 0, 0, POSIX_FADV_DONTNEED));
-    for (bool on : {true, false}) {
-        EXPECT_TRUE(UFile::SetNonBlock(fd, on));
-        EXPECT_EQ((fcntl(fd, F_GETFL) & O_NONBLOCK) != 0, on);
-    }
 
     // A lock that another process holds is refused at once, unlogged.
     int ready[2];
@@ -195,26 +185,15 @@ TEST(FileHelpers, DescriptorsOpenAndNot) {
 }
 
 TEST(FileHelpers, PathsLinksPermissionsAndDirectories) {
-    commontest::TempDir dir;
+    ppltest::TempDir dir;
     std::string file = dir.File("f"), moved = dir.File("g"), link = dir.File("l");
     std::string missing = dir.File("none");
-    ASSERT_TRUE(UFile::WriteFile(file.c_str(), "x", 1, 0600));
     struct stat attrs;
-    ASSERT_TRUE(UFile::GetAttrs(file.c_str(), attrs));
-    EXPECT_EQ(attrs.st_mode & 0777, 0600u);
-    EXPECT_TRUE(UFile::IsDir(dir.Path().c_str()));
-    EXPECT_FALSE(UFile::IsDir(file.c_str()));
-    EXPECT_NEAR(UFile::GetLastWriteTime(file.c_str()), time(nullptr), 5);
-    EXPECT_FALSE(UFile::CheckPermission(file.c_str(), X_OK));
-    EXPECT_TRUE(UFile::ChangePermission(file.c_str(), 0700));
-    EXPECT_TRUE(UFile::CheckPermission(file.c_str(), R_OK | X_OK));
-    EXPECT_TRUE(UFile::Rename(file.c_str(), moved.c_str()));
-    EXPECT_TRUE(UFile::MakeSymLink("g", link.c_str()));
     std::string target, absolute;
+    ASSERT_TRUE(UFile::WriteFile(moved.c_str(), "x", 1, 0600));
+    ASSERT_TRUE(UFile::MakeSymLink("g", link.c_str()));
     EXPECT_TRUE(UFile::ReadLink(link.c_str(), target));
     EXPECT_EQ(target, "g");
-    EXPECT_TRUE(UFile::GetAbsolutePath((dir.Path() + "/./l").c_str(), absolute));
-    EXPECT_EQ(absolute, std::filesystem::canonical(moved).string());
     EXPECT_TRUE(UFile::Remove(moved.c_str()));
 
     std::string deep = dir.File("a/b/c");

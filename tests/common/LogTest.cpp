@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "Sandbox.h"
-#include "TestFiles.h"
 #include "ULog.h"
 
 // Exported frames for the stack trace checks.
@@ -110,7 +109,7 @@ TEST(LogError, ErrorLineThenStackTraceSkippingDemangledFramesOnly) {
 }
 
 TEST(LogDebug, SwitchFileNamedAfterTheProgramPath) {
-    commontest::TempDir dir;
+    ppltest::TempDir dir;
     std::string program = dir.File("svc");
     ASSERT_EQ(symlink(COMMON_DEBUG_PROBE, program.c_str()), 0);
     ppltest::Child child;
@@ -121,5 +120,5 @@ TEST(LogDebug, SwitchFileNamedAfterTheProgramPath) {
     std::string log = child.Stderr();
     EXPECT_NE(log.find("probe.cpp(7):Step()\t\tmarker on 42"), std::string::npos) << log;
     EXPECT_NE(log.find("marker still 42"), std::string::npos) << log;
-    EXPECT_EQ(commontest::CountOf(log, "marker"), 2) << log;
+    EXPECT_EQ(ppltest::CountOf(log, "marker"), 2) << log;
 }

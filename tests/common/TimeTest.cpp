@@ -83,11 +83,7 @@ TEST(NtpTimeStamps, Rfc5905EpochAndEraBounds) {
     // The last second of era 0 is 2036-02-07 06:28:15 UTC.
     EXPECT_TRUE(UTime::UnixToNtp(Ts(2085978495, 999999999), ntp));
     EXPECT_EQ(ntp >> 32, 0xffffffffu);
-    if (sizeof(time_t) == 8) {
-        EXPECT_FALSE(UTime::UnixToNtp(Ts(2085978496, 0), ntp));
-        int64_t before_1900 = -UTime::kNtpUnixOffset - 1;
-        EXPECT_FALSE(UTime::UnixToNtp(Ts(static_cast<time_t>(before_1900), 0), ntp));
-    }
+    EXPECT_FALSE(UTime::UnixToNtp(Ts(2085978496, 0), ntp)) << "past era 0";
     struct timespec t1900;
     EXPECT_EQ(UTime::NtpToUnix(0, t1900), sizeof(time_t) == 8) << "1900 needs a 64-bit time_t";
 }

@@ -49,28 +49,6 @@ TEST_F(LapiService, StartupSendsOneEnableAndOneCountEventAndPushesNoSettings) {
     EXPECT_EQ(h_->StopService(SIGTERM), 0);
 }
 
-TEST_F(LapiService, PeopleWalkingGiveGroupSumsAlarmsAndStatus) {
-    StartCounting();
-    h_->ForgetEvents();
-    in_cam_->Walk(3, 0);
-    EXPECT_TRUE(h_->WaitEvent("event=ppl_count&in0=3&out0=0&stayin0=3")) << h_->Stderr();
-    in_cam_->Walk(2, 1);  // the in camera's out count is not the group's
-    EXPECT_TRUE(h_->WaitEvent("event=ppl_stayin_over&group=0&limit=5"));
-    EXPECT_TRUE(h_->WaitEvent("event=ppl_count&in0=5&out0=0&stayin0=5"));
-    out_cam_->Walk(0, 4);
-    out_cam_->Walk(0, 0);
-    EXPECT_TRUE(h_->WaitEvent("event=ppl_stayin_under&group=0&limit=1"));
-    EXPECT_TRUE(h_->WaitEvent("event=ppl_count&in0=5&out0=4&stayin0=1"));
-    EXPECT_TRUE(h_->WaitEvent("event=ppl_count&in0=5&out0=4&stayin0=1"))
-        << "every event message gives a count event";
-    EXPECT_TRUE(h_->WaitStatus("PPL.StayIn0.Count", "1", 2500));
-    auto status = h_->Status();
-    EXPECT_EQ(status["PPL.In0.Count"], "5");
-    EXPECT_EQ(status["PPL.Out0.Count"], "4");
-    EXPECT_EQ(status["PPL.StayIn0.Status"], "Under");
-    EXPECT_EQ(h_->StopService(SIGINT), 0);
-}
-
 TEST_F(LapiService, ConfigChangeReloadsRepeatsEventsPushesAndReconnectsOnlyTheMovedCamera) {
     StartCounting();
     in_cam_->Walk(2, 0);
@@ -132,25 +110,15 @@ TEST_F(LapiService, ConfigChangeReloadsRepeatsEventsPushesAndReconnectsOnlyTheMo
     readdressed.Stop();
 }
 
-TEST_F(LapiService, ModuleEventsRemoveAndAddACamera) {
+// For a running counter an add_camera event with the same address and port
+// changes nothing, one with a new port moves it there (removing and adding a
+// camera is among the module fault tests).
+TEST_F(LapiService, AddCameraMovesARunningCounterOnlyToANewPlace) {
     StartCounting();
-    ASSERT_TRUE(h_->SendModuleEvent("event=del_camera&ch=1"));
-    EXPECT_TRUE(WaitFor(3000, [&] { return out_cam_->Subscribers() == 0; }));
-    EXPECT_TRUE(h_->WaitStatus("PPL.Out0.Status", "disconnect"));
-    ASSERT_TRUE(h_->SendModuleEvent("event=add_camera&ch=1"));
-    EXPECT_TRUE(out_cam_->WaitForSubscribers(1, 5000));
-    EXPECT_TRUE(h_->WaitStatus("PPL.Out0.Status", "connect"));
+    const int connections = out_cam_->AcceptedConnections();
     const std::string taken = "Event::Run(), receive event => event=add_camera&ch=1\n";
-    EXPECT_NE(h_->Stderr().find(taken), std::string::npos);
-
-    // For a running counter: the same address and port leave it alone, a
-    // new port moves it there.
-    int connections = out_cam_->AcceptedConnections();
     ASSERT_TRUE(h_->SendModuleEvent("event=add_camera&ch=1"));
-    ASSERT_TRUE(WaitFor(3000, [&] {
-        std::string log = h_->Stderr();
-        return log.find(taken, log.find(taken) + 1) != std::string::npos;
-    }));
+    ASSERT_TRUE(WaitFor(3000, [&] { return h_->Stderr().find(taken) != std::string::npos; }));
     camsim::Camera moved;
     ASSERT_TRUE(moved.Start());
     config_["SERV_PPL_CAM_1_HTTP"] = std::to_string(moved.Port());
@@ -163,19 +131,6 @@ TEST_F(LapiService, ModuleEventsRemoveAndAddACamera) {
     moved.Stop();
 }
 
-TEST_F(LapiService, TermDuringConnectingAndReloadingEndsCleanly) {
-    in_cam_->SetSubscribe(camsim::Subscribe::Silent);
-    ASSERT_TRUE(h_->StartService());
-    ASSERT_TRUE(in_cam_->WaitForRequests(1, 5000));
-    EXPECT_EQ(h_->StopService(SIGTERM, 2000), 0);
-    EXPECT_NE(h_->Stderr().find("PPLCounter::Run(), receive interrupt.\n"), std::string::npos);
-
-    in_cam_->SetSubscribe(camsim::Subscribe::Ok);
-    StartCounting();
-    h_->Command("action=ppl_config_change", 0);
-    EXPECT_EQ(h_->StopService(SIGTERM, 2000), 0);
-}
-
 // The 3DPC camera kind: camera 0 polled through the open client library.
 TEST(ThreeDpcService, StartupCountingClearAndReload) {
     PPL_ENTER_SANDBOX_OR_SKIP();
@@ -183,23 +138,13 @@ TEST(ThreeDpcService, StartupCountingClearAndReload) {
     ASSERT_TRUE(cam.Start());
     camsim::TarnEndpoints ctl(cam, "admin", "secret");
     ServiceHarness h;
-    std::map<std::string, std::string> config = {
-        {"SERV_PPL_NUM", "1"},
-        {"SERV_PPL_ENABLE", "1"},
-        {"SERV_PPL_TYPE", "3DPCV2"},
-        {"SERV_PPL_IN_0_CAM", "0"},
-        {"SERV_PPL_OUT_0_CAM", "0"},
-        {"SERV_PPL_STAYIN_0_OVER", "100"},
-        {"SERV_PPL_STAYIN_0_UNDER", "-1"},
-        {"SERV_PPL_SETTINGS_0_RESET_ENABLE", "0"},
-        {"SERV_PPL_SETTINGS_0_RESET_TIME", "0:0:0"},
-        {"SERV_PPL_SETTINGS_0_REPORT_INTERVAL", "0"},
-        {"SERV_PPL_SETTINGS_0_SENSITIVITY", "1"},
-        {"SERV_PPL_SETTINGS_0_CLEAR_COUNT", "0"},
-        {"SERV_PPL_CAM_0_IP", "127.0.0.1"},
-        {"SERV_PPL_CAM_0_HTTP", std::to_string(cam.Port())},
-        {"SERV_PPL_CAM_0_USERNAME", "admin"},
-        {"SERV_PPL_CAM_0_PASSWORD", "secret"}};
+    // The standard file as a 3DPC camera 0 on both sides, polled every 50 ms.
+    std::map<std::string, std::string> config = StandardConfig(cam.Port(), 0);
+    config["SERV_PPL_TYPE"] = "3DPCV2";
+    config["SERV_PPL_OUT_0_CAM"] = "0";
+    config["SERV_PPL_STAYIN_0_OVER"] = "100";
+    config["SERV_PPL_STAYIN_0_UNDER"] = "-1";
+    config["SERV_PPL_SETTINGS_0_REPORT_INTERVAL"] = "0";
     h.WriteConfig(config);
     ASSERT_TRUE(h.StartService());
     EXPECT_TRUE(h.WaitEvent("event=ppl_enable&enable=1"));

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "FaultFixture.h"
@@ -79,48 +80,37 @@ TEST_F(FaultTest, ASubscriptionAnswerTricklingInIsGivenUpAfterTenSecondsAndRetri
 
 // Both cameras at once, a different broken answer each, one attempt apiece;
 // then normal answers, and counting as before.
-void BrokenAnswers(FaultTest& t, camsim::Camera& in_cam, camsim::Camera& out_cam,
-                   const std::vector<std::pair<Subscribe, Subscribe>>& steps) {
-    in_cam.Walk(2, 0);
-    out_cam.Walk(0, 1);
-    for (size_t i = 0; i < steps.size(); ++i) {
+TEST_F(FaultTest, SubscriptionAnswersCutShortGarbledIncompleteOrOversizedAreRetried) {
+    StartCounting();
+    const std::pair<Subscribe, Subscribe> steps[] = {
+        {Subscribe::CloseMidHead, Subscribe::Garbage},
+        {Subscribe::CloseAtOnce, Subscribe::OkShortBody},
+        {Subscribe::OkWithoutBody, Subscribe::OkZeroLength},
+        {Subscribe::LongHeaderLine, Subscribe::OkHugeBody}};
+    in_cam_->Walk(2, 0);
+    out_cam_->Walk(0, 1);
+    for (const auto& step : steps) {
         // Set first: a request recorded after this gets the new answer.
-        in_cam.SetSubscribe(steps[i].first);
-        out_cam.SetSubscribe(steps[i].second);
-        int in_asked = Subscriptions(in_cam);
-        int out_asked = Subscriptions(out_cam);
+        in_cam_->SetSubscribe(step.first);
+        out_cam_->SetSubscribe(step.second);
+        int in_asked = Subscriptions(*in_cam_), out_asked = Subscriptions(*out_cam_);
         // Dropped only now: a reconnection answered before the broken
         // answers were set would subscribe for good and never ask again.
-        if (i == 0) {
-            in_cam.DropConnections();
-            out_cam.DropConnections();
+        if (&step == &steps[0]) {
+            in_cam_->DropConnections();
+            out_cam_->DropConnections();
         }
         ASSERT_TRUE(WaitFor(8000, [&] {
-            return Subscriptions(in_cam) > in_asked && Subscriptions(out_cam) > out_asked;
+            return Subscriptions(*in_cam_) > in_asked && Subscriptions(*out_cam_) > out_asked;
         }));
-        ASSERT_NO_FATAL_FAILURE(t.ExpectAlive("a broken subscription answer"));
+        ASSERT_NO_FATAL_FAILURE(ExpectAlive("a broken subscription answer"));
     }
-    in_cam.SetSubscribe(Subscribe::Ok);
-    out_cam.SetSubscribe(Subscribe::Ok);
-    ASSERT_TRUE(in_cam.WaitForSubscribers(1, 8000));
-    ASSERT_TRUE(out_cam.WaitForSubscribers(1, 8000));
-    EXPECT_TRUE(t.CountsRecover());
-    EXPECT_TRUE(t.StatusRecovers());
-}
-
-TEST_F(FaultTest, SubscriptionAnswersCutShortOrGarbledAreRetried) {
-    StartCounting();
-    BrokenAnswers(*this, *in_cam_, *out_cam_,
-                  {{Subscribe::CloseMidHead, Subscribe::Garbage},
-                   {Subscribe::CloseAtOnce, Subscribe::OkShortBody}});
-    ExpectCleanStop();
-}
-
-TEST_F(FaultTest, SubscriptionAnswersWithoutOrWithOversizedPartsAreRetried) {
-    StartCounting();
-    BrokenAnswers(*this, *in_cam_, *out_cam_,
-                  {{Subscribe::OkWithoutBody, Subscribe::OkZeroLength},
-                   {Subscribe::LongHeaderLine, Subscribe::OkHugeBody}});
+    in_cam_->SetSubscribe(Subscribe::Ok);
+    out_cam_->SetSubscribe(Subscribe::Ok);
+    ASSERT_TRUE(in_cam_->WaitForSubscribers(1, 8000));
+    ASSERT_TRUE(out_cam_->WaitForSubscribers(1, 8000));
+    EXPECT_TRUE(CountsRecover());
+    EXPECT_TRUE(StatusRecovers());
     ExpectCleanStop();
 }
 
@@ -166,6 +156,37 @@ TEST_F(FaultTest, BrokenEventMessagesAreDroppedAndCountingGoesOn) {
     in_cam_->Walk(1, 0);
     EXPECT_TRUE(h_->WaitEvent(ExpectedCountEvent()));
     EXPECT_TRUE(StatusRecovers());
+    ExpectCleanStop();
+}
+
+// An event message has the connection's 10 s receive time-out from its
+// first byte, however slowly the rest comes: a body trickling in a byte every
+// 3 s is given up by then, and a reload that moved the camera meanwhile is
+// acted on at once after it.
+TEST_F(FaultTest, ATricklingEventBodyIsGivenUpWithinTenSecondsAndAReloadActedOn) {
+    StartCounting();
+    camsim::Camera moved(0, "127.0.0.2");
+    ASSERT_TRUE(moved.Start());
+    std::atomic<bool> trickling{true};
+    const auto began = std::chrono::steady_clock::now();
+    in_cam_->SendRaw(Head("20") + "{");
+    std::thread trickle([&] {
+        while (trickling && WaitFor(3000, [&] { return !trickling; }) == false)
+            in_cam_->SendRaw("\"");
+    });
+    config_["SERV_PPL_CAM_0_IP"] = "127.0.0.2";
+    config_["SERV_PPL_CAM_0_HTTP"] = std::to_string(moved.Port());
+    h_->WriteConfig(config_);
+    EXPECT_EQ(h_->Command("action=ppl_config_change"), "reply=success");
+    bool subscribed = moved.WaitForSubscribers(1, 16000);
+    const auto taken = std::chrono::steady_clock::now() - began;
+    trickling = false;
+    trickle.join();
+    ASSERT_TRUE(subscribed) << "still reading the trickle\n" << Excerpt(h_->Stderr());
+    EXPECT_LE(taken, std::chrono::seconds(14)) << "not given up at 10 s";
+    moved.Walk(2, 0);
+    EXPECT_TRUE(h_->WaitEvent("event=ppl_count&in0=2&out0=0&stayin0=2"));
+    ASSERT_NO_FATAL_FAILURE(ExpectAlive("a trickling event body"));
     ExpectCleanStop();
 }
 

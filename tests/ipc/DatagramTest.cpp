@@ -2,7 +2,6 @@
 #include <sys/stat.h>
 
 #include <cstring>
-#include <filesystem>
 #include <string>
 
 #include "NModuleInterface.h"
@@ -14,11 +13,9 @@ namespace {
 // Socket files live in a private directory, removed with its contents.
 class SocketDir : public ::testing::Test {
 protected:
-    void SetUp() override { ASSERT_NE(mkdtemp(dir_), nullptr); }
-    void TearDown() override { std::filesystem::remove_all(dir_); }
-    std::string Path(const char* name) const { return std::string(dir_) + "/" + name; }
+    std::string Path(const char* name) const { return dir_.File(name); }
 
-    char dir_[32] = "/tmp/ppl-ipc-XXXXXX";
+    ppltest::TempDir dir_{"ppl-ipc-"};
     char buf_[256] = {0};
 };
 

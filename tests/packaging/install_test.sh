@@ -44,6 +44,7 @@ check_install "$stage" env DESTDIR="$stage" cmake --install "$build" --prefix /u
 ./usr/$libdir/libTarn3DPCAPIClient.so.1
 ./usr/$libdir/libUBrandLAPIClient.so
 ./usr/$libdir/libUBrandLAPIClient.so.1
+./usr/lib/cgi-bin/pplcounter-status
 ./usr/lib/systemd/system/pplcounter.service
 ./usr/lib/tmpfiles.d/pplcounter.conf
 ./usr/sbin/pplcounter
@@ -53,6 +54,7 @@ check_install "$stage" env DESTDIR="$stage" cmake --install "$build" --prefix /u
 ./usr/share/man/man1/camsim.1
 ./usr/share/man/man1/pplctl.1
 ./usr/share/man/man8/pplcounter.8
+./usr/share/pplcounter/occupancy.html
 EOF2
 grep -qx 'DAEMON=/usr/sbin/pplcounter' "$stage/etc/init.d/pplcounter" || fail "init script for /usr"
 grep -qx 'ExecStart=/usr/sbin/pplcounter' "$stage/usr/lib/systemd/system/pplcounter.service" ||

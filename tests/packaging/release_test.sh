@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The release archives cpack makes from the two install components, file by
+# The release archives cpack makes from the three install components, file by
 # file, and the version every program shows against project(VERSION) of the
 # top-level CMakeLists.txt: pplctl --version, camsim --version and the text in
 # the service binary, all as unpacked from the (stripped) archives.
@@ -40,6 +40,11 @@ usr/share/doc/pplcounter/ZV318System.ini.example
 usr/share/man/man1/pplctl.1
 usr/share/man/man8/pplcounter.8
 EOF2
+check_archive display <<EOF2
+usr/lib/cgi-bin/pplcounter-status
+usr/share/doc/pplcounter/LICENSE
+usr/share/pplcounter/occupancy.html
+EOF2
 check_archive tools <<EOF2
 usr/bin/camsim
 usr/include/pplcounter/Tarn3DPCAPIClient.h
@@ -52,7 +57,7 @@ EOF2
 
 root=$work/root
 grep -qx 'DAEMON=/usr/sbin/pplcounter' "$root/etc/init.d/pplcounter" || fail "init script not for /usr"
-for program in usr/sbin/pplcounter usr/bin/pplctl usr/bin/camsim; do
+for program in usr/sbin/pplcounter usr/bin/pplctl usr/bin/camsim usr/lib/cgi-bin/pplcounter-status; do
     # Whole outputs into grep: with pipefail, grep -q ending early fails the pipe.
     ! readelf -S "$root/$program" | grep '\.symtab' >/dev/null || fail "$program is not stripped"
 done
@@ -62,5 +67,5 @@ shown=$("$root/usr/bin/pplctl" --version)
 [ "$shown" = "pplctl $version" ] || fail "pplctl --version says '$shown', project(VERSION) is $version"
 shown=$("$root/usr/bin/camsim" --version)
 [ "$shown" = "camsim $version" ] || fail "camsim --version says '$shown', project(VERSION) is $version"
-echo "pplcounter $version, $arch: both archives as listed, stripped, versions agree"
+echo "pplcounter $version, $arch: the three archives as listed, stripped, versions agree"
 echo PASS

@@ -68,17 +68,6 @@ TEST_F(ServiceTest, SharedInAndOutCameraEndsDualAndIsAddedOnce) {
         EXPECT_FALSE(svc_->lapi_counters[n]->is_running()) << n;
 }
 
-TEST_F(ServiceTest, CameraIndexOutsideTheFourCountersIsIgnored) {
-    auto cfg = BaseLapiConfig();
-    cfg["SERV_PPL_OUT_0_CAM"] = "7";
-    Load(cfg);
-    EXPECT_EQ(svc_->lapi_cam_mask, 0x1u);
-    std::pair<int, int> pair;
-    svc_->groups[0]->get_cam_pair(pair);
-    EXPECT_EQ(pair, std::make_pair(0, -1));
-    EXPECT_EQ(svc_->groups[0]->num(), 1);
-}
-
 TEST_F(ServiceTest, LapiWithNoGroupsStopsEveryCounter) {
     auto cfg = BaseLapiConfig();
     Load(cfg);

@@ -19,16 +19,8 @@ namespace {
 
 class OwnFiles : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char templ[] = "/tmp/pplown-XXXXXX";
-        ASSERT_NE(mkdtemp(templ), nullptr);
-        dir_ = templ;
-    }
-    void TearDown() override {
-        std::error_code error;
-        std::filesystem::remove_all(dir_, error);
-    }
-    std::string dir_;
+    TempDir tmp_{"pplown-"};
+    const std::string dir_ = tmp_.Path();
 };
 
 TEST_F(OwnFiles, WhatIsAtThePathDecidesWhetherItIsUsed) {

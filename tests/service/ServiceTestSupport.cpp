@@ -1,19 +1,14 @@
 #include "ServiceTestSupport.h"
 #include "SandboxGTest.h"
 
-#include <stdlib.h>
-
-#include <filesystem>
-
 #include "SAttr.h"
 
 namespace ppltest {
 
 void ServiceTest::SetUp() {
     PPL_ENTER_IPC_NAMESPACE_OR_SKIP();
-    char templ[] = "/tmp/pplsvc-XXXXXX";
-    ASSERT_NE(mkdtemp(templ), nullptr);
-    dir_ = templ;
+    tmp_.reset(new TempDir("pplsvc-"));
+    dir_ = tmp_->Path();
     where_.system_ini = dir_ + "/System.ini";
     where_.status_ini = dir_ + "/PPLCounter.ini";
     where_.record_ini = dir_ + "/PPLRecord.ini";
@@ -34,12 +29,7 @@ void ServiceTest::TearDown() {
     }
     svc_.reset();
     module_queue_.reset();
-    // Removed in-process: under ARM emulation a fork right after the
-    // counters' threads have ended can leave the child hung before it runs
-    // a shell, and the test with it.
-    std::error_code error;
-    if (!dir_.empty())
-        std::filesystem::remove_all(dir_, error);
+    tmp_.reset();
 }
 
 void ServiceTest::WriteConfig(const std::map<std::string, std::string>& keys) {

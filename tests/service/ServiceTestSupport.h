@@ -61,8 +61,9 @@ protected:
     // Events waiting on the module's queue, oldest first.
     std::vector<std::string> DrainEvents();
 
+    std::unique_ptr<TempDir> tmp_;
     std::string dir_;
-    PPLCounterSettings where_;
+    PPLCounterPlaces where_;
     std::unique_ptr<NEventMQ> module_queue_;
     std::unique_ptr<TestableService> svc_;
 };

@@ -17,7 +17,10 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <stdexcept>
 #include <thread>
+
+#include "PPLSystemIni.h"
 
 namespace ppltest {
 namespace {
@@ -325,6 +328,27 @@ std::string Child::Stderr() const {
     return ReadWholeFile(err_path_);
 }
 
+TempDir::TempDir(const std::string& prefix) {
+    std::string name = "/tmp/" + prefix + "XXXXXX";
+    if (mkdtemp(&name[0]) == nullptr)
+        throw std::runtime_error(ErrnoText(("mkdtemp " + name).c_str()));
+    path_ = name;
+}
+
+// In-process: under ARM emulation a fork right after other threads ended can
+// leave the child hung before it runs a program.
+TempDir::~TempDir() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
+
+int CountOf(const std::string& text, const std::string& part) {
+    int count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+        ++count;
+    return count;
+}
+
 std::string ReadWholeFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     std::stringstream ss;
@@ -358,28 +382,30 @@ bool LockIsHeld(const std::string& path) {
 }
 
 std::map<std::string, std::string> StandardConfig(int in_port, int out_port) {
-    return {
-        {"SERV_PPL_NUM", "1"},
-        {"SERV_PPL_ENABLE", "1"},
-        {"SERV_PPL_TYPE", "LAPI"},
-        {"SERV_PPL_IN_0_CAM", "0"},
-        {"SERV_PPL_OUT_0_CAM", "1"},
-        {"SERV_PPL_STAYIN_0_OVER", "5"},
-        {"SERV_PPL_STAYIN_0_UNDER", "1"},
-        {"SERV_PPL_SETTINGS_0_RESET_ENABLE", "1"},
-        {"SERV_PPL_SETTINGS_0_RESET_TIME", "23:5:0"},
-        {"SERV_PPL_SETTINGS_0_REPORT_INTERVAL", "60"},
-        {"SERV_PPL_SETTINGS_0_SENSITIVITY", "3"},
-        {"SERV_PPL_SETTINGS_0_CLEAR_COUNT", "0"},
-        {"SERV_PPL_CAM_0_IP", "127.0.0.1"},
-        {"SERV_PPL_CAM_0_HTTP", std::to_string(in_port)},
-        {"SERV_PPL_CAM_0_USERNAME", "admin"},
-        {"SERV_PPL_CAM_0_PASSWORD", "secret"},
-        {"SERV_PPL_CAM_1_IP", "127.0.0.1"},
-        {"SERV_PPL_CAM_1_HTTP", std::to_string(out_port)},
-        {"SERV_PPL_CAM_1_USERNAME", "admin"},
-        {"SERV_PPL_CAM_1_PASSWORD", "secret"},
+    std::stringstream stream;
+    auto key = [&](const char* head, int n, const char* tail) {
+        return ppl::ComposeKey(stream, head, n, tail);
     };
+    std::map<std::string, std::string> keys = {
+        {ppl::kKeyGroupCount, "1"},
+        {ppl::kKeyEnable, "1"},
+        {ppl::kKeyCameraKind, "LAPI"},
+        {key(ppl::kInCameraHead, 0, ppl::kCameraSideTail), "0"},
+        {key(ppl::kOutCameraHead, 0, ppl::kCameraSideTail), "1"},
+        {key(ppl::kStayinHead, 0, ppl::kOverTail), "5"},
+        {key(ppl::kStayinHead, 0, ppl::kUnderTail), "1"},
+    };
+    const char* const settings[ppl::kSettingsKeys] = {"1", "23:5:0", "60", "3", "0"};
+    for (int k = 0; k < ppl::kSettingsKeys; ++k)
+        keys[key(ppl::kSettingsHead, 0, ppl::kSettingsTails[k])] = settings[k];
+    const int ports[] = {in_port, out_port};
+    for (int camera = 0; camera < 2; ++camera) {
+        const std::string values[ppl::kCameraKeys] = {"127.0.0.1", std::to_string(ports[camera]),
+                                                      "admin", "secret"};
+        for (int k = 0; k < ppl::kCameraKeys; ++k)
+            keys[key(ppl::kCameraHead, camera, ppl::kCameraTails[k])] = values[k];
+    }
+    return keys;
 }
 
 std::string ConfigText(const std::map<std::string, std::string>& keys) {

@@ -77,6 +77,25 @@ private:
     std::string out_path_, err_path_;
 };
 
+// A fresh directory of its own under /tmp (as /tmp is when it is made: a
+// sandbox's own once one was entered), removed with its contents when this
+// ends. Throws when none can be made.
+class TempDir {
+public:
+    explicit TempDir(const std::string& prefix = "ppl-test-");
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& Path() const { return path_; }
+    std::string File(const std::string& name) const { return path_ + "/" + name; }
+
+private:
+    std::string path_;
+};
+
+// How often part stands in text.
+int CountOf(const std::string& text, const std::string& part);
+
 std::string ReadWholeFile(const std::string& path);
 bool WriteWholeFile(const std::string& path, const std::string& text);
 // Polls pred every 20 ms until it holds or timeout_ms passed.

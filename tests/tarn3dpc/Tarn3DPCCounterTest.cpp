@@ -52,11 +52,8 @@ protected:
         close(log_fd);
     }
     int Count(const std::string& what) {
-        std::string text = ppltest::ReadWholeFile("/proc/self/fd/" + std::to_string(log_fd));
-        int n = 0;
-        for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
-            ++n;
-        return n;
+        return ppltest::CountOf(ppltest::ReadWholeFile("/proc/self/fd/" + std::to_string(log_fd)),
+                                what);
     }
     // Camera data and the counting request type.
     void Configure(Tarn_3DPC_Counter& c, camsim::Camera& camera, unsigned interval,

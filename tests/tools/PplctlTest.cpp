@@ -9,14 +9,21 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <map>
+#include <ostream>
 #include <string>
 #include <vector>
 
+#include "ConfigCheck.h"
 #include "NModuleInterface.h"
+#include "PPLCounter.h"
+#include "PPLSettingsRequest.h"
 #include "SandboxGTest.h"
+#include "Tarn_3DPC_Counter.h"
+#include "UBrand_PPL_Counter.h"
+#include "UTextParam.h"
 
 namespace {
 
@@ -24,23 +31,10 @@ const std::map<std::string, std::string> kClean = ppltest::StandardConfig(8001, 
 
 // One fresh directory per test program, so runs side by side never meet.
 const std::string& Scratch() {
-    static const std::string dir = [] {
-        std::string templ = testing::TempDir() + "pplctl-test-XXXXXX";
-        return mkdtemp(&templ[0]) != nullptr ? templ + "/" : testing::TempDir();
-    }();
-    return dir;
+    static const ppltest::TempDir dir("pplctl-test-");
+    static const std::string path = dir.Path() + "/";
+    return path;
 }
-
-class ScratchCleanup : public testing::Environment {
-    void TearDown() override {
-        if (Scratch() != testing::TempDir()) {
-            std::error_code error;
-            std::filesystem::remove_all(Scratch(), error);
-            EXPECT_FALSE(error) << error.message();
-        }
-    }
-};
-testing::Environment* const kCleanup = testing::AddGlobalTestEnvironment(new ScratchCleanup);
 
 struct Outcome {
     int status;
@@ -95,144 +89,107 @@ TEST(CheckConfig, CleanFileSaysWhatTheServiceDoesAndExitsZero) {
         EXPECT_NE(run.out.find(line), std::string::npos) << line << "\nin:\n" << run.out;
 }
 
-// One file per mistake: its line, and every other problem it causes.
+// One file per mistake: the keys changed from the clean file, text before
+// and after the keys, and check-config's line for it and for every other
+// problem it causes.
+struct ProblemFile {
+    std::map<std::string, std::string> changes;
+    std::vector<std::string> lines;
+    std::string before = "", after = "";
+};
+const ProblemFile kProblemFiles[] = {
+    {{{"SERV_PPL_ENABLE", "<missing>"}},
+     {"SERV_PPL_ENABLE is missing: counting is off and every camera is stopped."}},
+    {{{"SERV_PPL_ENABLE", "yes"}, {"SERV_PPL_STAYIN_0_OVER", "8x"}},
+     {"SERV_PPL_ENABLE=yes: not a number; the service reads it as 0: counting is off and "
+      "every camera is stopped.",
+      "SERV_PPL_STAYIN_0_OVER=8x: not a number; the service reads it as 8."}},
+    {{{"SERV_PPL_TYPE", "3DPC"}},
+     {"SERV_PPL_TYPE=3DPC: only \"3DPCV2\" selects the 3DPC counter; the service uses LAPI "
+      "cameras, channels 0 to 3."}},
+    {{{"SERV_PPL_TYPE", "3DPCV2"}},
+     {"SERV_PPL_CAM_1_IP=127.0.0.1: the service never reads camera 1's keys; the 3DPC "
+      "counter uses camera 0's only."}},
+    {{{"SERV_PPL_SETTINGS_0_RESET_TIME", "3.30"}},
+     {"SERV_PPL_SETTINGS_0_RESET_TIME=3.30: not hours:minutes:seconds within 23:59:59; the "
+      "cameras will be sent Hour=3&Min=0&Sec=0."}},
+    {{},
+     {"the file begins with a UTF-8 byte-order mark: the service reads it as part of the "
+      "first key, \"\\xEF\\xBB\\xBFSERV_PPL_CAM_0_HTTP\", so it does not see "
+      "SERV_PPL_CAM_0_HTTP; save the file without the mark.",
+      "SERV_PPL_CAM_0_HTTP is missing: camera 0 has no port."},
+     "\xEF\xBB\xBF",
+     ""},
+    {{{"SERV_PPL_TYPE", std::string("LA\0PI", 5)}},
+     {"the file holds NUL bytes (the first in line 20): the service reads nothing after the "
+      "first one, so it reads SERV_PPL_TYPE as \"LA\"; remove them.",
+      "SERV_PPL_TYPE=LA: only \"3DPCV2\" selects the 3DPC counter; the service uses LAPI "
+      "cameras, channels 0 to 3."}},
+    {{{"SERV_PPL_CAM_0_PASSWORD", "<missing>"}, {"SERV_PPL_CAM_0_PASWORD", "secret"}},
+     {"SERV_PPL_CAM_0_PASSWORD is missing: settings, enable and clear requests to camera 0 "
+      "fail (\"PPL Cam config is incomplete\").",
+      "SERV_PPL_CAM_0_PASWORD=******: the service never reads this key; did you mean "
+      "SERV_PPL_CAM_0_PASSWORD?"}},
+    {{{"SERV_PPL_CAM_1_PASSWORD", "\x93secret\x94"}},
+     {"SERV_PPL_CAM_1_PASSWORD=\\x93******\\x94: holds a non-ASCII byte (\\x93); the service "
+      "sends it as it is and the camera refuses every settings, enable and clear request."}},
+    {{{"SERV_PPL_CAM_2_IP", "127.0.0.3"}, {"SERV_PPL_CAM_2_HTTP", "80"}},
+     {"SERV_PPL_CAM_2_IP=127.0.0.3: camera 2 is used by no group; the service never connects "
+      "to it."}},
+    {{{"SERV_PPL_OUT_0_CAM", "2"}},
+     {"SERV_PPL_OUT_0_CAM=2: camera 2 has no keys (SERV_PPL_CAM_2_IP, _HTTP, _USERNAME, "
+      "_PASSWORD); its counter cannot connect and every request to it fails.",
+      "SERV_PPL_CAM_1_IP=127.0.0.1: camera 1 is used by no group; the service never connects "
+      "to it."}},
+    {{{"SERV_PPL_SETTINGS_0_SENSITIVITY", "<missing>"}},
+     {"SERV_PPL_SETTINGS_0_SENSITIVITY is missing: the group's settings are incomplete and "
+      "skipped; no settings request is sent."}},
+    {{{"SERV_PPL_OUT_0_CAM", "7"}},
+     {"SERV_PPL_OUT_0_CAM=7: the service ignores this camera (LAPI channels are 0 to 3).",
+      "SERV_PPL_CAM_1_IP=127.0.0.1: camera 1 is used by no group; the service never connects "
+      "to it."}},
+    {{{"SERV_PPL_CAM_1_HTTP", "99999"}},
+     {"SERV_PPL_CAM_1_HTTP=99999: port outside 1-65535; the service would connect to port "
+      "34463."}},
+    {{{"SERV_PPL_CAM_0_IP", "camera-a"}},
+     {"SERV_PPL_CAM_0_IP=camera-a: not a dotted IPv4 address; the service cannot reach the "
+      "camera (host names are not looked up)."}},
+    {{{"SERV_PPL_STAYIN_0_UNDER", "9"}},
+     {"SERV_PPL_STAYIN_0_OVER=5, SERV_PPL_STAYIN_0_UNDER=9: the over limit is not above the "
+      "under limit; a stay-in that meets both raises the over alarm only."}},
+    {{{"SERV_PPL_TYPE", "<missing>"}},
+     {"SERV_PPL_TYPE is missing: the camera kind stays as it was (LAPI cameras when the "
+      "service starts)."}},
+    {{{"SERV_PPL_NUM", "<missing>"}}, {"SERV_PPL_NUM is missing: there is no counting group."}},
+    {{{"SERV_PPL_OUT_0_CAM", "<missing>"}},
+     {"SERV_PPL_OUT_0_CAM is missing: group 0 has no out camera; nobody is counted going out "
+      "and reset and clear commands are refused.",
+      "SERV_PPL_CAM_1_IP=127.0.0.1: camera 1 is used by no group; the service never connects "
+      "to it."}},
+    {{{"SERV_PPL_TYPE", "3DPCV2"}, {"SERV_PPL_IN_0_CAM", "1"}},
+     {"SERV_PPL_IN_0_CAM/SERV_PPL_OUT_0_CAM: no side names camera 0, so the 3DPC counter is "
+      "not started.",
+      "SERV_PPL_CAM_1_IP=127.0.0.1: the service never reads camera 1's keys; the 3DPC "
+      "counter uses camera 0's only."}},
+    {{{"SERV_PPL_SETTINGS_0_RESET_TIME", "12:00:00.0000000"}},
+     {"SERV_PPL_SETTINGS_0_RESET_TIME=12:00:00.0000000: longer than 15 characters; the "
+      "service keeps \"12:00:00.000000\".",
+      "SERV_PPL_SETTINGS_0_RESET_TIME=12:00:00.0000000: not hours:minutes:seconds within "
+      "23:59:59; the cameras will be sent Hour=12&Min=0&Sec=0."}},
+    {{},
+     {"line 22 \"just words\": no \"=\"; the service skips the line.",
+      "SERV_PPL_NUM is set in line 12 and again in line 23: the service takes the last, \"2\".",
+      "SERV_PPL_NUM=2: the service counts one group at most; it uses group 0 only."},
+     "# a comment line is skipped as meant\n",
+     "just words\nSERV_PPL_NUM=2\n"},
+    {{},
+     {"line 21 \"SERV_PPL_EXTRA=\": empty key or value; the service skips the line."},
+     "",
+     "SERV_PPL_EXTRA=\n"},
+};
+
 TEST(CheckConfig, EachProblemIsOneLineWithKeyValueAndConsequence) {
-    const struct {
-        std::map<std::string, std::string> changes;
-        std::string before, after;
-        std::vector<std::string> lines;
-    } cases[] = {
-        {{{"SERV_PPL_ENABLE", "<missing>"}},
-         "",
-         "",
-         {"SERV_PPL_ENABLE is missing: counting is off and every camera is stopped."}},
-        {{{"SERV_PPL_ENABLE", "yes"}, {"SERV_PPL_STAYIN_0_OVER", "8x"}},
-         "",
-         "",
-         {"SERV_PPL_ENABLE=yes: not a number; the service reads it as 0: counting is off and "
-          "every camera is stopped.",
-          "SERV_PPL_STAYIN_0_OVER=8x: not a number; the service reads it as 8."}},
-        {{{"SERV_PPL_TYPE", "3DPC"}},
-         "",
-         "",
-         {"SERV_PPL_TYPE=3DPC: only \"3DPCV2\" selects the 3DPC counter; the service uses LAPI "
-          "cameras, channels 0 to 3."}},
-        {{{"SERV_PPL_TYPE", "3DPCV2"}},
-         "",
-         "",
-         {"SERV_PPL_CAM_1_IP=127.0.0.1: the service never reads camera 1's keys; the 3DPC "
-          "counter uses camera 0's only."}},
-        {{{"SERV_PPL_SETTINGS_0_RESET_TIME", "3.30"}},
-         "",
-         "",
-         {"SERV_PPL_SETTINGS_0_RESET_TIME=3.30: not hours:minutes:seconds within 23:59:59; the "
-          "cameras will be sent Hour=3&Min=0&Sec=0."}},
-        {{},
-         "\xEF\xBB\xBF",
-         "",
-         {"the file begins with a UTF-8 byte-order mark: the service reads it as part of the "
-          "first key, \"\\xEF\\xBB\\xBFSERV_PPL_CAM_0_HTTP\", so it does not see "
-          "SERV_PPL_CAM_0_HTTP; save the file without the mark.",
-          "SERV_PPL_CAM_0_HTTP is missing: camera 0 has no port."}},
-        {{{"SERV_PPL_TYPE", std::string("LA\0PI", 5)}},
-         "",
-         "",
-         {"the file holds NUL bytes (the first in line 20): the service reads nothing after the "
-          "first one, so it reads SERV_PPL_TYPE as \"LA\"; remove them.",
-          "SERV_PPL_TYPE=LA: only \"3DPCV2\" selects the 3DPC counter; the service uses LAPI "
-          "cameras, channels 0 to 3."}},
-        {{{"SERV_PPL_CAM_0_PASSWORD", "<missing>"}, {"SERV_PPL_CAM_0_PASWORD", "secret"}},
-         "",
-         "",
-         {"SERV_PPL_CAM_0_PASSWORD is missing: settings, enable and clear requests to camera 0 "
-          "fail (\"PPL Cam config is incomplete\").",
-          "SERV_PPL_CAM_0_PASWORD=******: the service never reads this key; did you mean "
-          "SERV_PPL_CAM_0_PASSWORD?"}},
-        {{{"SERV_PPL_CAM_1_PASSWORD", "\x93secret\x94"}},
-         "",
-         "",
-         {"SERV_PPL_CAM_1_PASSWORD=\\x93******\\x94: holds a non-ASCII byte (\\x93); the service "
-          "sends it as it is and the camera refuses every settings, enable and clear request."}},
-        {{{"SERV_PPL_CAM_2_IP", "127.0.0.3"}, {"SERV_PPL_CAM_2_HTTP", "80"}},
-         "",
-         "",
-         {"SERV_PPL_CAM_2_IP=127.0.0.3: camera 2 is used by no group; the service never connects "
-          "to it."}},
-        {{{"SERV_PPL_OUT_0_CAM", "2"}},
-         "",
-         "",
-         {"SERV_PPL_OUT_0_CAM=2: camera 2 has no keys (SERV_PPL_CAM_2_IP, _HTTP, _USERNAME, "
-          "_PASSWORD); its counter cannot connect and every request to it fails.",
-          "SERV_PPL_CAM_1_IP=127.0.0.1: camera 1 is used by no group; the service never connects "
-          "to it."}},
-        {{{"SERV_PPL_SETTINGS_0_SENSITIVITY", "<missing>"}},
-         "",
-         "",
-         {"SERV_PPL_SETTINGS_0_SENSITIVITY is missing: the group's settings are incomplete and "
-          "skipped; no settings request is sent."}},
-        {{{"SERV_PPL_OUT_0_CAM", "7"}},
-         "",
-         "",
-         {"SERV_PPL_OUT_0_CAM=7: the service ignores this camera (LAPI channels are 0 to 3).",
-          "SERV_PPL_CAM_1_IP=127.0.0.1: camera 1 is used by no group; the service never connects "
-          "to it."}},
-        {{{"SERV_PPL_CAM_1_HTTP", "99999"}},
-         "",
-         "",
-         {"SERV_PPL_CAM_1_HTTP=99999: port outside 1-65535; the service would connect to port "
-          "34463."}},
-        {{{"SERV_PPL_CAM_0_IP", "camera-a"}},
-         "",
-         "",
-         {"SERV_PPL_CAM_0_IP=camera-a: not a dotted IPv4 address; the service cannot reach the "
-          "camera (host names are not looked up)."}},
-        {{{"SERV_PPL_STAYIN_0_UNDER", "9"}},
-         "",
-         "",
-         {"SERV_PPL_STAYIN_0_OVER=5, SERV_PPL_STAYIN_0_UNDER=9: the over limit is not above the "
-          "under limit; a stay-in that meets both raises the over alarm only."}},
-        {{{"SERV_PPL_TYPE", "<missing>"}},
-         "",
-         "",
-         {"SERV_PPL_TYPE is missing: the camera kind stays as it was (LAPI cameras when the "
-          "service starts)."}},
-        {{{"SERV_PPL_NUM", "<missing>"}},
-         "",
-         "",
-         {"SERV_PPL_NUM is missing: there is no counting group."}},
-        {{{"SERV_PPL_OUT_0_CAM", "<missing>"}},
-         "",
-         "",
-         {"SERV_PPL_OUT_0_CAM is missing: group 0 has no out camera; nobody is counted going out "
-          "and reset and clear commands are refused.",
-          "SERV_PPL_CAM_1_IP=127.0.0.1: camera 1 is used by no group; the service never connects "
-          "to it."}},
-        {{{"SERV_PPL_TYPE", "3DPCV2"}, {"SERV_PPL_IN_0_CAM", "1"}},
-         "",
-         "",
-         {"SERV_PPL_IN_0_CAM/SERV_PPL_OUT_0_CAM: no side names camera 0, so the 3DPC counter is "
-          "not started.",
-          "SERV_PPL_CAM_1_IP=127.0.0.1: the service never reads camera 1's keys; the 3DPC "
-          "counter uses camera 0's only."}},
-        {{{"SERV_PPL_SETTINGS_0_RESET_TIME", "12:00:00.0000000"}},
-         "",
-         "",
-         {"SERV_PPL_SETTINGS_0_RESET_TIME=12:00:00.0000000: longer than 15 characters; the "
-          "service keeps \"12:00:00.000000\".",
-          "SERV_PPL_SETTINGS_0_RESET_TIME=12:00:00.0000000: not hours:minutes:seconds within "
-          "23:59:59; the cameras will be sent Hour=12&Min=0&Sec=0."}},
-        {{},
-         "# a comment line is skipped as meant\n",
-         "just words\nSERV_PPL_NUM=2\n",
-         {"line 22 \"just words\": no \"=\"; the service skips the line.",
-          "SERV_PPL_NUM is set in line 12 and again in line 23: the service takes the last, \"2\".",
-          "SERV_PPL_NUM=2: the service counts one group at most; it uses group 0 only."}},
-        {{},
-         "",
-         "SERV_PPL_EXTRA=\n",
-         {"line 21 \"SERV_PPL_EXTRA=\": empty key or value; the service skips the line."}},
-    };
-    for (const auto& c : cases) {
+    for (const auto& c : kProblemFiles) {
         Outcome run = CheckConfig(WriteConfig(c.changes, c.after, c.before));
         EXPECT_EQ(run.status, 1) << c.lines[0];
         for (const auto& line : c.lines)
@@ -243,6 +200,104 @@ TEST(CheckConfig, EachProblemIsOneLineWithKeyValueAndConsequence) {
             run.out.find(std::to_string(n) + (n == 1 ? " problem" : " problems") + " found.\n"),
             std::string::npos)
             << run.out;
+    }
+}
+
+// What the service does with a configuration file: counting on or off; when
+// on, each camera whose counter it starts ("index in/out address:port"), group
+// 0's limits and its settings request ("" while incomplete).
+struct Verdict {
+    bool counting = false;
+    std::vector<std::string> cameras;
+    std::pair<int, int> limits;
+    std::string settings;
+    bool operator==(const Verdict& o) const {
+        return counting == o.counting && cameras == o.cameras && limits == o.limits &&
+               settings == o.settings;
+    }
+};
+
+std::ostream& operator<<(std::ostream& out, const Verdict& v) {
+    out << (v.counting ? "counting" : "off") << ", cameras:";
+    for (const auto& camera : v.cameras)
+        out << " [" << camera << "]";
+    return out << ", limits " << v.limits.first << "/" << v.limits.second << ", settings \""
+               << v.settings << "\"";
+}
+
+std::string Camera(int index, bool in, bool out, const std::string& address, int port) {
+    return std::to_string(index) + (in ? " in" : "") + (out ? " out" : "") + " " + address + ":" +
+           std::to_string(port);
+}
+
+Verdict Said(const ConfigReport& report) {
+    Verdict v;
+    v.counting = report.counting;
+    if (!v.counting)
+        return v;
+    for (const CameraUse& c : report.cameras)
+        if (c.started)
+            v.cameras.push_back(Camera(c.index, c.in, c.out, c.address, c.port));
+    v.limits = report.limits;
+    v.settings = report.settings;
+    return v;
+}
+
+// The service's own reader, as a fresh service runs it, on one file.
+class ServiceReader : public PPLCounter {
+public:
+    explicit ServiceReader(const PPLCounterPlaces& places) : PPLCounter(places) {}
+
+    Verdict Read() {
+        testing::internal::CaptureStdout();
+        ReadIni();
+        ReadCamIni();
+        std::string printed = testing::internal::GetCapturedStdout();
+        Verdict v;
+        v.counting = enable != 0;
+        std::pair<int, int> pair;
+        groups[0]->get_cam_pair(pair);
+        if (v.counting && use_3dpc == 1 && counter_3dpc->is_running()) {
+            std::string address, port;
+            counter_3dpc->GetDeviceInfo(address, port);
+            v.cameras.push_back(Camera(0, pair.first >= 0, pair.second >= 0, address,
+                                       UTextParam::toIntValue(port.c_str(), 10)));
+        }
+        for (int n = 0; v.counting && use_3dpc == 0 && n < ppl::kLapiChannels; ++n) {
+            UBrand_PPL_Counter* c = lapi_counters[n];
+            if (c->is_running())
+                v.cameras.push_back(Camera(n, pair.first == n, pair.second == n,
+                                           c->get_server_addr(), c->get_server_port()));
+        }
+        if (v.counting) {
+            v.limits = stayin_limits[0];
+            _PPL_CAM_SETTINGS settings;
+            groups[0]->get_ppl_settings(settings);
+            if (group_num > 0 && printed.find("PPL config is incomplete") == std::string::npos)
+                v.settings = PPL_Settings_Request_Text(settings);
+        }
+        counter_3dpc->stop();
+        for (UBrand_PPL_Counter* c : lapi_counters)
+            c->stop();
+        return v;
+    }
+};
+
+// check-config and the service read every file of the table the same way:
+// what the one says the service will do is what the other does. In a
+// sandbox of its own, since the service's counters connect to the cameras.
+TEST(CheckConfig, SaysWhatTheServicesOwnReaderDoesWithEveryFile) {
+    PPL_ENTER_SANDBOX_OR_SKIP();
+    std::vector<ProblemFile> files(std::begin(kProblemFiles), std::end(kProblemFiles));
+    files.push_back({{}, {"the clean file"}});
+    for (const ProblemFile& file : files) {
+        const std::string path = WriteConfig(file.changes, file.after, file.before);
+        ASSERT_TRUE(std::ifstream(path).good()) << "written inside the sandbox";
+        PPLCounterPlaces places;
+        places.system_ini = path;
+        places.status_ini = Scratch() + "status.ini";
+        places.record_ini = Scratch() + "record.ini";
+        EXPECT_EQ(Said(::CheckConfig(path)), ServiceReader(places).Read()) << file.lines[0];
     }
 }
 

@@ -3,15 +3,13 @@
 
 // Inside the simulator only: one accepted connection and the exchange a
 // route handler answers through. Shared by the server and the camera files.
-#include <sys/socket.h>
-
-#include <cerrno>
 #include <mutex>
 #include <sstream>
 #include <string>
 #include <thread>
 
 #include "CameraSim.h"
+#include "UFile.h"
 
 namespace camsim {
 
@@ -33,16 +31,7 @@ struct Camera::Conn {
         std::lock_guard<std::mutex> guard(write_lock);
         if (!open)
             return false;
-        size_t done = 0;
-        while (done < bytes.size()) {
-            ssize_t n = send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-            if (n < 0 && errno == EINTR)
-                continue;
-            if (n <= 0)
-                return false;
-            done += static_cast<size_t>(n);
-        }
-        return true;
+        return UFile::WriteAll(fd, bytes.data(), bytes.size());
     }
 };
 

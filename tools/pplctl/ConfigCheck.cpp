@@ -1,31 +1,22 @@
 #include "ConfigCheck.h"
 
-#include <arpa/inet.h>
 #include <errno.h>
-#include <sys/stat.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <sstream>
 
 #include "ConfigFile.h"
-#include "PPLConstants.h"
 #include "PPLSettingsRequest.h"
+#include "PPLSystemIni.h"
 #include "SAttr.h"
+#include "UTextParam.h"
 
 using configfile::Shown;
 
 namespace {
-
-constexpr int kCameraIndexes = 32;  // 3DPC: indexes 0 to 31 name the one counter
-constexpr size_t kLargestFile = 1 << 20;
-const char* const kCameraTails[] = {"_IP", "_HTTP", "_USERNAME", "_PASSWORD"};
-
-std::string Key(const char* head, int number, const char* tail) {
-    return head + std::to_string(number) + tail;
-}
 
 // The whole text is a base-10 number, as a person writing the file means it.
 bool IsNumber(const std::string& text) {
@@ -79,6 +70,12 @@ public:
     }
 
 private:
+    std::string Key(const char* head, int number, const char* tail) {
+        return ppl::ComposeKey(keys_, head, number, tail);
+    }
+    std::string KeyOfCamera(int camera, ppl::CameraKey key) {
+        return Key(ppl::kCameraHead, camera, ppl::kCameraTails[key]);
+    }
     bool Has(const std::string& key) { return ini_.HasKey(key.c_str()); }
     std::string Value(const std::string& key) {
         const char* value = ini_.GetKeyValue(key.c_str());
@@ -96,7 +93,7 @@ private:
     // The value as the service reads it (base-10, leading digits), with a
     // problem when the text is not a plain number.
     int Number(const std::string& key, const std::string& consequence = "") {
-        int value = ini_.GetIntValue(key.c_str(), 10);
+        int value = ppl::ReadNumber(ini_, key);
         if (!IsNumber(Value(key)))
             Problem(KeyValue(key) + ": not a number; the service reads it as " +
                     std::to_string(value) + consequence + ".");
@@ -105,7 +102,7 @@ private:
 
     bool OtherServiceKeys() {
         for (const auto& kv : ini_.GetRawData())
-            if (configfile::IsServiceKey(kv.first) && kv.first != "SERV_PPL_ENABLE")
+            if (configfile::IsServiceKey(kv.first) && kv.first != ppl::kKeyEnable)
                 return true;
         return false;
     }
@@ -115,13 +112,13 @@ private:
     // is a mistake, and everything else is checked as it will be read once
     // counting is on.
     bool ReadEnable() {
-        const std::string key = "SERV_PPL_ENABLE";
+        const std::string key = ppl::kKeyEnable;
         const char* off = ": counting is off and every camera is stopped";
         int enable = 0;
         if (!Has(key))
             Problem(key + " is missing" + off + ".");
         else
-            enable = Number(key, ini_.GetIntValue(key.c_str(), 10) == 0 ? off : "");
+            enable = Number(key, ppl::ReadNumber(ini_, key) == 0 ? off : "");
         r_.counting = enable != 0;
         if (enable != 0) {
             Say("Counting is on (" + KeyValue(key) + ").");
@@ -135,45 +132,50 @@ private:
     }
 
     bool ReadKind() {
-        const std::string key = "SERV_PPL_TYPE";
-        const char* lapi = "LAPI cameras, channels 0 to 3";
+        const std::string key = ppl::kKeyCameraKind;
+        const std::string lapi =
+            "LAPI cameras, channels 0 to " + std::to_string(ppl::kLapiChannels - 1);
         if (!Has(key)) {
             Problem(key +
                     " is missing: the camera kind stays as it was (LAPI cameras when the service "
                     "starts).");
-            Say(std::string("Cameras: ") + lapi + ".");
+            Say("Cameras: " + lapi + ".");
             return false;
         }
-        bool tdpc = Value(key) == "3DPCV2";
+        bool tdpc = Value(key) == ppl::kCameraKind3DPC;
         if (!tdpc && Value(key) != "LAPI")
-            Problem(KeyValue(key) +
-                    ": only \"3DPCV2\" selects the 3DPC counter; the service uses " + lapi + ".");
+            Problem(KeyValue(key) + ": only \"" + ppl::kCameraKind3DPC +
+                    "\" selects the 3DPC counter; the service uses " + lapi + ".");
         Say(tdpc ? "Cameras: the 3DPC V2 counter (" + KeyValue(key) + ")."
-                 : "Cameras: " + std::string(lapi) + " (" + KeyValue(key) + ").");
+                 : "Cameras: " + lapi + " (" + KeyValue(key) + ").");
         return tdpc;
     }
 
     unsigned ReadGroupCount(bool tdpc) {
-        const std::string key = "SERV_PPL_NUM";
+        const std::string key = ppl::kKeyGroupCount;
         unsigned groups = 0;
         if (!Has(key)) {
             if (!tdpc)
                 Problem(key + " is missing: there is no counting group.");
         } else {
-            groups = ini_.GetUIntValue(key.c_str(), 10);
+            groups = ppl::ReadUnsigned(ini_, key);
             if (!IsNumber(Value(key)))
                 Problem(KeyValue(key) + ": not a number; the service reads it as " +
                         std::to_string(groups) + ".");
-            if (groups > 1)
+            if (groups > ppl::kMaxGroups)
                 Problem(KeyValue(key) +
                         ": the service counts one group at most; it uses group 0 only.");
         }
-        return tdpc ? 1 : (groups > 1 ? 1 : groups);
+        return tdpc ? ppl::kMaxGroups : (groups > ppl::kMaxGroups ? ppl::kMaxGroups : groups);
+    }
+
+    std::string SideKey(bool in) {
+        return Key(in ? ppl::kInCameraHead : ppl::kOutCameraHead, 0, ppl::kCameraSideTail);
     }
 
     // Returns the camera index the group uses for one side, or -1.
     int ReadSide(bool tdpc, bool in) {
-        std::string key = Key(in ? "SERV_PPL_IN_" : "SERV_PPL_OUT_", 0, "_CAM");
+        std::string key = SideKey(in);
         if (!Has(key)) {
             Problem(key + " is missing: group 0 has no " + (in ? "in" : "out") +
                     " camera; nobody is counted " + (in ? "coming in" : "going out") +
@@ -181,9 +183,11 @@ private:
             return -1;
         }
         int c = Number(key);
-        if (c < 0 || c >= (tdpc ? kCameraIndexes : ppl::kLapiCounters)) {
+        if (!ppl::NamesCounter(tdpc, c)) {
             Problem(KeyValue(key) + ": the service ignores this camera (" +
-                    (tdpc ? "indexes 0 to 31" : "LAPI channels are 0 to 3") + ").");
+                    (tdpc ? "indexes 0 to " + std::to_string(ppl::kCameraIndexes - 1)
+                          : "LAPI channels are 0 to " + std::to_string(ppl::kLapiChannels - 1)) +
+                    ").");
             return -1;
         }
         return c;
@@ -225,10 +229,11 @@ private:
                                             : "none";
             Say("Group 0: in " + in_text + ", out " + out_text + ".");
         }
-        if (tdpc && in != 0 && out != 0 && (in >= 0 || out >= 0))
-            Problem(
-                "SERV_PPL_IN_0_CAM/SERV_PPL_OUT_0_CAM: no side names camera 0, so the 3DPC "
-                "counter is not started.");
+        if (tdpc && in != 0 && out != 0 && (in >= 0 || out >= 0)) {
+            Problem(SideKey(true) + "/" + SideKey(false) +
+                    ": no side names camera 0, so the 3DPC counter is not started.");
+            r_.cameras.front().started = false;
+        }
     }
 
     // Records the camera the service connects to for one side and checks its
@@ -243,7 +248,7 @@ private:
             r_.cameras.push_back(CameraUse());
             use = &r_.cameras.back();
             use->index = c;
-            CheckCameraKeys(c, in ? "SERV_PPL_IN_0_CAM" : "SERV_PPL_OUT_0_CAM", use);
+            CheckCameraKeys(c, SideKey(in), use);
         }
         use->in |= in;
         use->out |= out;
@@ -252,32 +257,35 @@ private:
     }
 
     void CheckCameraKeys(int c, const std::string& naming_key, CameraUse* use) {
-        std::string prefix = Key("SERV_PPL_CAM_", c, "");
         bool any = false;
-        for (const char* tail : kCameraTails)
-            any |= Has(prefix + tail);
+        std::string tails;
+        for (int key = 0; key < ppl::kCameraKeys; ++key) {
+            any |= Has(KeyOfCamera(c, ppl::CameraKey(key)));
+            tails += (key == 0 ? "" : ", ") + std::string(ppl::kCameraTails[key]);
+        }
         if (!any) {
             Problem(KeyValue(naming_key) + ": camera " + std::to_string(c) + " has no keys (" +
-                    prefix +
-                    "_IP, _HTTP, _USERNAME, _PASSWORD); its counter cannot connect and "
-                    "every request to it fails.");
+                    Key(ppl::kCameraHead, c, "") + tails +
+                    "); its counter cannot connect and every request to it fails.");
             return;
         }
-        use->address = CheckAddress(prefix + "_IP", c);
-        if (!Has(prefix + "_HTTP"))
-            Problem(prefix + "_HTTP is missing: camera " + std::to_string(c) + " has no port.");
+        use->address = CheckAddress(KeyOfCamera(c, ppl::kCameraAddress), c);
+        const std::string port = KeyOfCamera(c, ppl::kCameraPort);
+        if (!Has(port))
+            Problem(port + " is missing: camera " + std::to_string(c) + " has no port.");
         else
-            use->port = CheckPort(prefix + "_HTTP");
-        for (const char* tail : {"_USERNAME", "_PASSWORD"})
-            CheckAccount(prefix + tail, c);
+            use->port = CheckPort(port);
+        for (ppl::CameraKey account : {ppl::kCameraUser, ppl::kCameraPassword})
+            CheckAccount(KeyOfCamera(c, account), c);
     }
 
+    // The address as the service's event channel connects to it.
     std::string CheckAddress(const std::string& key, int c) {
-        in_addr probe;
+        uint32_t address;
         if (!Has(key))
             Problem(key + " is missing: camera " + std::to_string(c) +
                     " has no address and its counter cannot connect.");
-        else if (inet_pton(AF_INET, Value(key).c_str(), &probe) != 1)
+        else if (!UTextParam::toIPv4Address(Value(key).c_str(), &address))
             Problem(KeyValue(key) +
                     ": not a dotted IPv4 address; the service cannot reach the camera (host "
                     "names are not looked up).");
@@ -314,11 +322,11 @@ private:
     // Camera keys that no group uses are never read: a camera meant to count
     // that is not counting.
     void CheckUnusedCameras(bool tdpc, int in, int out) {
-        for (int c = 0; c < ppl::kLapiCounters; ++c) {
+        for (int c = 0; c < ppl::kLapiChannels; ++c) {
             if (tdpc ? c == 0 : (c == in || c == out))
                 continue;
-            for (const char* tail : kCameraTails) {
-                std::string key = Key("SERV_PPL_CAM_", c, tail);
+            for (int k = 0; k < ppl::kCameraKeys; ++k) {
+                std::string key = KeyOfCamera(c, ppl::CameraKey(k));
                 if (!Has(key))
                     continue;
                 std::string camera = "camera " + std::to_string(c);
@@ -333,13 +341,14 @@ private:
     }
 
     void ReadLimits() {
-        const std::string over_key = "SERV_PPL_STAYIN_0_OVER",
-                          under_key = "SERV_PPL_STAYIN_0_UNDER";
+        const std::string over_key = Key(ppl::kStayinHead, 0, ppl::kOverTail),
+                          under_key = Key(ppl::kStayinHead, 0, ppl::kUnderTail);
         bool has_over = Has(over_key), has_under = Has(under_key);
         int over = has_over ? Number(over_key) : 0, under = has_under ? Number(under_key) : 0;
         for (const auto& k : {over_key, under_key})
             if (!Has(k))
                 Problem(k + " is missing: the limit keeps its value (0 when the service starts).");
+        r_.limits = {over, under};
         Say("Stay-in alarms: over when " + std::to_string(over) +
             " or more are inside, under when " + std::to_string(under) + " or fewer.");
         if (over <= under)
@@ -349,28 +358,25 @@ private:
                     "stay-in that meets both raises the over alarm only.");
     }
 
-    // The settings keys in the service's order; the first missing one skips
-    // the rest of the group's settings.
+    // The settings keys as the service reads them; the first missing one
+    // skips the rest of the group's settings.
     bool ReadSettings(bool tdpc, _PPL_CAM_SETTINGS& s) {
         memset(&s, 0, sizeof(s));
-        static const char* const kTails[] = {"_RESET_ENABLE", "_RESET_TIME", "_REPORT_INTERVAL",
-                                             "_SENSITIVITY", "_CLEAR_COUNT"};
-        int* numbers[] = {&s.ResetEnable, nullptr, &s.ReportInterval, &s.Sensitivity,
-                          &s.ClearCounts};
-        for (int i = 0; i < 5; ++i) {
-            std::string key = Key("SERV_PPL_SETTINGS_", 0, kTails[i]);
-            if (!Has(key)) {
-                Problem(key +
-                        " is missing: the group's settings are incomplete and skipped; no "
-                        "settings request is sent.");
-                return false;
-            }
-            if (numbers[i] != nullptr)
-                *numbers[i] = Number(key);
+        std::string missing;
+        auto check = [&](ppl::SettingsKey step, const std::string& key) {
+            if (step == ppl::kResetTime)
+                CheckResetTime(key, tdpc, s);
             else
-                ReadResetTime(key, tdpc, s);
+                Number(key);
+        };
+        if (!ppl::ReadGroupSettings(ini_, keys_, 0, s, check, &missing)) {
+            Problem(missing +
+                    " is missing: the group's settings are incomplete and skipped; no "
+                    "settings request is sent.");
+            return false;
         }
-        std::string sent = ClockTime(SentTime(PPL_Settings_Request_Text(s)));
+        r_.settings = PPL_Settings_Request_Text(s);
+        std::string sent = ClockTime(SentTime(r_.settings));
         Say("Settings: daily reset at " + sent + " (" + (s.ResetEnable ? "on" : "off") +
             "), report interval " + std::to_string(s.ReportInterval) + ", sensitivity " +
             std::to_string(s.Sensitivity) + ", clear counts " +
@@ -378,12 +384,11 @@ private:
         return true;
     }
 
-    void ReadResetTime(const std::string& key, bool tdpc, _PPL_CAM_SETTINGS& s) {
-        std::string text = Value(key);
-        if (text.size() >= sizeof(s.ResetTime))
+    // The reset time as the service keeps it, already cut to its field.
+    void CheckResetTime(const std::string& key, bool tdpc, const _PPL_CAM_SETTINGS& s) {
+        if (Value(key).size() >= sizeof(s.ResetTime))
             Problem(KeyValue(key) + ": longer than 15 characters; the service keeps \"" +
-                    Shown(key, text.substr(0, sizeof(s.ResetTime) - 1)) + "\".");
-        strncpy(s.ResetTime, text.c_str(), sizeof(s.ResetTime) - 1);
+                    Shown(key, s.ResetTime) + "\".");
         // The 3DPC counter is sent no reset time.
         if (!tdpc && !IsTimeOfDay(s.ResetTime))
             Problem(KeyValue(key) +
@@ -393,39 +398,19 @@ private:
 
     SAttr& ini_;
     ConfigReport& r_;
+    std::stringstream keys_;  // where keys are composed, as the service does
 };
-
-bool ReadWhole(const std::string& path, std::string& text, std::string& why) {
-    struct stat st;
-    if (stat(path.c_str(), &st) != 0) {
-        why = strerror(errno);
-        return false;
-    }
-    if (!S_ISREG(st.st_mode) || static_cast<size_t>(st.st_size) > kLargestFile) {
-        why = S_ISREG(st.st_mode) ? "larger than 1 MiB" : "not a regular file";
-        return false;
-    }
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        why = strerror(errno);
-        return false;
-    }
-    std::ostringstream all;
-    all << file.rdbuf();
-    text = all.str();
-    return true;
-}
 
 }  // namespace
 
+// The file is loaded as the service loads it: whatever it reads, this reads.
 ConfigReport CheckConfig(const std::string& path) {
     ConfigReport report;
+    SAttr ini('=', "\r\n", "\n", nullptr);
     std::string text;
-    if (!ReadWhole(path, text, report.why_unreadable))
+    if (ppl::LoadSystemIni(ini, path, &text, &report.why_unreadable) != ppl::IniLoad::Loaded)
         return report;
     report.readable = true;
-    SAttr ini('=', "\r\n", "\n", nullptr);
-    ini.LoadFile(path.c_str());
     configfile::CheckText(text, ini, &report.problems);
     Checker(ini, report).Run();
     configfile::CheckUnknownKeys(ini, &report.problems);

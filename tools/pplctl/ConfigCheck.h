@@ -2,6 +2,7 @@
 #define PPLCTL_CONFIG_CHECK_H
 
 #include <string>
+#include <utility>
 #include <vector>
 
 // A camera the service connects to while counting is on: its index (whose
@@ -13,6 +14,7 @@ struct CameraUse {
     bool out = false;
     std::string address;  // "" when the key is missing
     int port = 0;         // 0 when the key is missing
+    bool started = true;  // false: the service never starts its counter
 };
 
 // What the service will do with a system configuration file, told in plain
@@ -26,6 +28,8 @@ struct ConfigReport {
     std::vector<std::string> problems;  // one line each: key, value, consequence
     bool counting = false;              // SERV_PPL_ENABLE reads other than 0
     std::vector<CameraUse> cameras;
+    std::pair<int, int> limits;  // group 0's over and under limits
+    std::string settings;        // its settings request; "" when incomplete
 };
 
 ConfigReport CheckConfig(const std::string& path);

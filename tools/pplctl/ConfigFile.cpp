@@ -6,7 +6,7 @@
 #include <map>
 #include <sstream>
 
-#include "PPLConstants.h"
+#include "PPLSystemIni.h"
 #include "SAttr.h"
 
 namespace configfile {
@@ -34,20 +34,26 @@ std::string Join(const std::vector<std::string>& words) {
     return all;
 }
 
-// Every key the service reads: group 0's (the only group it reads) and the
-// four LAPI channels' camera keys (the 3DPC counter uses camera 0's).
+// Every key the service reads: its groups' (group 0 only) and the LAPI
+// channels' camera keys (the 3DPC counter uses camera 0's).
 const std::vector<std::string>& KnownKeys() {
     static const std::vector<std::string> keys = [] {
-        std::vector<std::string> k = {"SERV_PPL_NUM",           "SERV_PPL_ENABLE",
-                                      "SERV_PPL_TYPE",          "SERV_PPL_IN_0_CAM",
-                                      "SERV_PPL_OUT_0_CAM",     "SERV_PPL_STAYIN_0_OVER",
-                                      "SERV_PPL_STAYIN_0_UNDER"};
-        for (const char* s :
-             {"RESET_ENABLE", "RESET_TIME", "REPORT_INTERVAL", "SENSITIVITY", "CLEAR_COUNT"})
-            k.push_back(std::string("SERV_PPL_SETTINGS_0_") + s);
-        for (int n = 0; n < ppl::kLapiCounters; ++n)
-            for (const char* s : {"_IP", "_HTTP", "_USERNAME", "_PASSWORD"})
-                k.push_back("SERV_PPL_CAM_" + std::to_string(n) + s);
+        std::vector<std::string> k = {ppl::kKeyGroupCount, ppl::kKeyEnable, ppl::kKeyCameraKind};
+        std::stringstream stream;
+        auto add = [&](const char* head, int n, const char* tail) {
+            k.push_back(ppl::ComposeKey(stream, head, n, tail));
+        };
+        for (unsigned int g = 0; g < ppl::kMaxGroups; ++g) {
+            add(ppl::kInCameraHead, g, ppl::kCameraSideTail);
+            add(ppl::kOutCameraHead, g, ppl::kCameraSideTail);
+            add(ppl::kStayinHead, g, ppl::kOverTail);
+            add(ppl::kStayinHead, g, ppl::kUnderTail);
+            for (const char* tail : ppl::kSettingsTails)
+                add(ppl::kSettingsHead, g, tail);
+        }
+        for (int n = 0; n < ppl::kLapiChannels; ++n)
+            for (const char* tail : ppl::kCameraTails)
+                add(ppl::kCameraHead, n, tail);
         return k;
     }();
     return keys;
@@ -190,7 +196,8 @@ std::string Shown(const std::string& key, const std::string& value) {
 }
 
 bool IsServiceKey(const std::string& key) {
-    return Upper(key.substr(0, 9)) == "SERV_PPL_";
+    const std::string prefix = ppl::kKeyPrefix;
+    return Upper(key.substr(0, prefix.size())) == prefix;
 }
 
 void CheckText(const std::string& text, SAttr& ini, std::vector<std::string>* problems) {

@@ -7,17 +7,15 @@
 #include <sys/msg.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <vector>
 
 #include "ConfigCheck.h"
+#include "InstanceLock.h"
 #include "OwnedFile.h"
 #include "PPLConstants.h"
 #include "SAttr.h"
@@ -32,27 +30,6 @@ constexpr int kFreshMs = 3000;    // it rewrites the status file every second
 constexpr int kConnectMs = 3000;  // a camera on the recorder's network answers at once
 
 enum class Outcome { kOk, kFail, kNotChecked };
-
-// The process holding an flock on the file, read from /proc/locks: looking
-// there cannot disturb a service that is starting at this very moment, as
-// trying the lock could. False when nobody holds one.
-bool FindLockHolder(std::ifstream& locks, const struct stat& file, int* pid) {
-    // The kernel names the file as "major:minor:inode", the numbers of its
-    // device in hexadecimal.
-    char wanted[64];
-    snprintf(wanted, sizeof(wanted), "%02x:%02x:%llu", major(file.st_dev), minor(file.st_dev),
-             static_cast<unsigned long long>(file.st_ino));
-    locks.clear();
-    locks.seekg(0);
-    std::string line;
-    while (std::getline(locks, line)) {
-        char kind[16], where[64];
-        if (sscanf(line.c_str(), "%*d: %15s %*s %*s %d %63s", kind, pid, where) == 3 &&
-            strcmp(kind, "FLOCK") == 0 && strcmp(where, wanted) == 0)
-            return true;
-    }
-    return false;
-}
 
 // The queue's state, or why there is none to look at.
 bool StatQueue(int key, msqid_ds* ds, std::string* why) {
@@ -151,31 +128,24 @@ private:
     // the lock directories it could write.
     void CheckService() {
         const char* name = "pplcounter running";
-        std::ifstream locks("/proc/locks");
-        if (!locks) {
+        if (access("/proc/locks", R_OK) != 0) {
             Say(Outcome::kFail, name, "cannot read /proc/locks: " + UError::Text(errno));
             return;
         }
-        std::string looked;
-        std::vector<std::string> dirs(std::begin(ppl::kInstanceLockDirs),
-                                      std::end(ppl::kInstanceLockDirs));
-        dirs.push_back(ppl::kInstanceLockFallbackDir);
-        for (const std::string& dir : dirs) {
-            std::string path = dir + "/" + ppl::kInstanceLockName;
-            looked += (looked.empty() ? "" : ", ") + path;
-            struct stat st;
-            int pid = 0;
-            if (lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode) ||
-                !FindLockHolder(locks, st, &pid))
-                continue;
-            running_ = true;
-            service_uid_ = st.st_uid;  // the service refuses a lock file not its own
-            Say(Outcome::kOk, name,
-                "process " + std::to_string(pid) + " of user " + std::to_string(st.st_uid) +
-                    " holds " + path);
+        const std::vector<std::string> dirs = InstanceLock::ServiceDirs();
+        InstanceLock::Holder holder;
+        if (!InstanceLock::FindHolder(dirs, &holder)) {
+            std::string looked;
+            for (const std::string& dir : dirs)
+                looked += (looked.empty() ? "" : ", ") + dir + "/" + ppl::kInstanceLockName;
+            Say(Outcome::kFail, name, "nobody holds the instance lock (" + looked + ")");
             return;
         }
-        Say(Outcome::kFail, name, "nobody holds the instance lock (" + looked + ")");
+        running_ = true;
+        service_uid_ = holder.owner;  // the service refuses a lock file not its own
+        Say(Outcome::kOk, name,
+            "process " + std::to_string(holder.pid) + " of user " + std::to_string(holder.owner) +
+                " holds " + holder.path);
     }
 
     void CheckSocket() {

@@ -71,6 +71,7 @@ run() {
     wait "$walkers"
     check "the status file's counts equal the cameras' last totals (in $(last_total 8001 TotalIn), out $(last_total 8002 TotalOut))" \
         wait_for 30 totals_match
+    check_display
     check "the log rotated and under its cap of $cap bytes ($(wc -c <"$log") and $(wc -c <"$log.1" 2>/dev/null) bytes)" \
         under_cap
 
@@ -98,6 +99,52 @@ run() {
     rss=$(sed -n 's/^VmRSS:[[:space:]]*//p' "/proc/$pid/status")
     check "idle CPU over $((cs / 100)) s: $((permille / 10)).$((permille % 10)) % ($ticks ticks), resident $rss" \
         [ "$permille" -lt 500 ]
+}
+
+# The door display as docs/display.md sets it up, served by the image's
+# BusyBox httpd: its answer against the status file, and what one costs.
+display=http://127.0.0.1/cgi-bin/pplcounter-status
+answer=/run/ppl-boot/display.json
+# A top-level key of the answer (the cameras' object left out), as written.
+json_key() { sed -e 's/"cameras":{[^}]*}//' -e "s/.*\"$1\":\([^,}]*\).*/\1/" "$answer"; }
+# "true" when the status file's key holds the word, else "false".
+key_is() { if [ "$(status_key "$1")" = "$2" ]; then echo true; else echo false; fi; }
+display_matches() {
+    wget -q -O "$answer" "$display" || return 1
+    [ "$(json_key state)" = '"ok"' ] && [ "$(json_key enabled)" = true ] &&
+        [ "$(json_key in)" = "$(status_key PPL.In0.Count)" ] &&
+        [ "$(json_key out)" = "$(status_key PPL.Out0.Count)" ] &&
+        [ "$(json_key stayin)" = "$(status_key PPL.StayIn0.Count)" ] &&
+        [ "$(json_key over)" = "$(status_key PPL.StayIn0.Over)" ] &&
+        [ "$(json_key under)" = "$(status_key PPL.StayIn0.Under)" ] &&
+        [ "$(json_key over_alarm)" = "$(key_is PPL.StayIn0.Status Over)" ] &&
+        grep -q "\"cameras\":{\"in\":$(key_is PPL.In0.Status connect),\"out\":$(key_is PPL.Out0.Status connect)}}" "$answer"
+}
+live_headers() {
+    headers=$(wget -S -q -O /dev/null "$display" 2>&1)
+    echo "$headers" | grep -q "HTTP/1.1 200 OK" && echo "$headers" | grep -q "Cache-Control: no-store"
+}
+# Milliseconds per run of a command, over 20 runs.
+ms_each() {
+    t0=$(uptime_cs)
+    for _ in 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20; do "$@" >/dev/null 2>&1; done
+    echo $((($(uptime_cs) - t0) * 10 / 20))
+}
+check_display() {
+    check "the display's web server set up as documented" sh -e /usr/local/lib/ppl-boot/display-layout.sh
+    httpd -p 80 -h /www -c /etc/httpd.conf
+    if wait_for 10 display_matches; then
+        pass "the display's answer equals the status file: $(cat "$answer")"
+    else
+        fail "the display's answer equals the status file" \
+            "$(cat "$answer" 2>/dev/null) against $(tr '\n' ' ' </tmp/PPLCounter.ini)"
+    fi
+    check "the display's answer: 200, not to be cached" live_headers
+    cgi=$(ms_each env REQUEST_METHOD=GET /usr/lib/cgi-bin/pplcounter-status)
+    served=$(ms_each wget -q -O /dev/null "$display")
+    # Bounded only against a hang; the figures are what count.
+    check "display cost: $cgi ms the program alone, $served ms a request through httpd (wget included)" \
+        [ "$served" -lt 5000 ]
 }
 
 stopped_cleanly() {
