@@ -143,9 +143,12 @@ TEST_F(StatusCgiTest, AnythingElseIsAnsweredAsWhatItIsWithoutFigures) {
     }
 }
 
-// A service run as another user locks in /tmp: its file is trusted, root's not.
+// A service run as another user locks in a directory of its own in /tmp: its
+// file is trusted, root's not.
 TEST_F(StatusCgiTest, TheServicesUserIsTheOwnerOfTheLockItHolds) {
-    HoldLock("/tmp", kOtherUser);
+    const std::string dir = "/tmp/PPLCounter.lock.d";
+    ASSERT_TRUE(mkdir(dir.c_str(), 0700) == 0 && chown(dir.c_str(), kOtherUser, kOtherUser) == 0);
+    HoldLock(dir, kOtherUser);
     WriteStatus(kLive, kOtherUser);
     EXPECT_EQ(Ask().head.find("Status: 200 OK"), 0u);
     WriteStatus(kLive, 0);
