@@ -226,14 +226,10 @@ TEST_F(SharedRecorderTest, WhateverIsAtTheCommandSocketPathMakesWayForASocketOnl
         umask(mask);
         // The intruder sends the moment the new socket is there.
         EXPECT_FALSE(OtherUserDoes([before] {
-            NCommandIPC intruder("/tmp/intruder", kSocketPath);
             struct stat now;
-            return WaitFor(5000,
-                           [&] {
-                               return lstat(kSocketPath, &now) == 0 && S_ISSOCK(now.st_mode) &&
-                                      now.st_ino != before;
-                           }) &&
-                   intruder.Send("action=ppl_config_change", 24) > 0;
+            auto there = [&] { return !lstat(kSocketPath, &now) && now.st_ino != before; };
+            NCommandIPC intruder("/tmp/intruder", kSocketPath);
+            return WaitFor(5000, there) && intruder.Send("action=ppl_config_change", 24) > 0;
         })) << "another user's command was taken";
         EXPECT_TRUE(ServiceStatusBecomes("reply=success&in0=connect&out0=connect", 8000));
         EXPECT_EQ(Occurrences(h_->Stderr(), " of user 65534 at " + path), plant.empty() ? 0u : 1u)
