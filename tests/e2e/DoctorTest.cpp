@@ -124,7 +124,9 @@ TEST_F(DoctorTest, AllPassThenEachFaultFailsExactlyItsChecks) {
          {"camera 1 (out) connected"},
          {}},
         {"queue 601 open to every user",
-         [] { EXPECT_EQ(Doctor({"queue-access", "0777", "0"}).status, 0); },
+         [] {
+             EXPECT_EQ(Doctor({"queue-access", "0777", "0"}).status, 0);
+         },
          narrow_queue,
          {"queue 601"},
          {}},
